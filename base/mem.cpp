@@ -204,7 +204,7 @@ int32_t qel_atomic32_cmp_and_swap(volatile int32_t *ptr, int32_t new_value, int3
 
 int32_t qel_atomic32_set(volatile int32_t *ptr, int32_t value)
 {
-    int32_t seen = *ptr;
+    int32_t seen = word(ptr).load(std::memory_order_relaxed);
     for (;;) {
         int32_t found = qel_atomic32_cmp_and_swap(ptr, value, seen);
         if (found == seen)
