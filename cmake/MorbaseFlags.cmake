@@ -17,6 +17,13 @@ elseif(NOT MORBASE_SANITIZE STREQUAL "")
   message(FATAL_ERROR "MORBASE_SANITIZE must be empty, address or thread")
 endif()
 
+# libFuzzer builds: the library's objects carry coverage instrumentation and
+# the sanitizers; each fuzz target links the libFuzzer driver.
+if(MORBASE_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
 # Warnings of the library itself: everything we never accept is an error.
 set(MORBASE_WARNINGS
   -Wall -Wextra -Werror

@@ -17,5 +17,8 @@ missing=$(comm -23 "$want" "$have")
 extra=$(comm -13 "$want" "$have")
 [ -z "$missing" ] || { echo "listed but not exported:"; echo "$missing"; status=1; }
 [ -z "$extra" ] || { echo "exported but not listed:"; echo "$extra"; status=1; }
+# No global with a dynamic initialiser: base_init is the only load-time code.
+inits=$(nm "$lib" 2>/dev/null | grep -E '_GLOBAL__sub_I' || true)
+[ -z "$inits" ] || { echo "static initialisers:"; echo "$inits"; status=1; }
 [ $status -eq 0 ] && echo "exports match: $(wc -l <"$have") symbols"
 exit $status
