@@ -18,6 +18,7 @@
 #ifndef QEL_BASE_INTERNAL_H
 #define QEL_BASE_INTERNAL_H
 
+#include <atomic>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -91,8 +92,14 @@ void *must_realloc_at(void *ptr, size_t size, const char *module, int line, bool
  * (count < 0: all fail); fail_allocations(0, 0) turns injection off. Not
  * exported: the unit tests link the library's objects directly. */
 void fail_allocations(long skip, long count) noexcept;
-/* True when the caller's allocation must fail (consumes one step). */
-bool injected_failure() noexcept;
+/* True when the caller's allocation must fail (consumes one step). The fast
+ * path is one relaxed load of a flag that only tests set. */
+extern std::atomic<bool> g_alloc_fail_armed;
+bool injected_failure_slow() noexcept;
+inline bool injected_failure() noexcept
+{
+    return __builtin_expect(g_alloc_fail_armed.load(std::memory_order_relaxed), 0) && injected_failure_slow();
+}
 
 /* ---- arithmetic ------------------------------------------------------------ */
 

@@ -17,7 +17,6 @@ namespace {
 // Failure injection for tests: allocations to let through, then to fail.
 std::atomic<long> g_fail_skip{0};
 std::atomic<long> g_fail_count{0};
-std::atomic<bool> g_fail_armed{false};
 
 // The byte-order cache: 0xFFFFFFFF until probed. Written without a lock; every
 // racing first call writes the same answer.
@@ -43,17 +42,17 @@ inline std::atomic_ref<T> word(volatile T *p)
 
 namespace qel::detail {
 
+std::atomic<bool> g_alloc_fail_armed{false};
+
 void fail_allocations(long skip, long count) noexcept
 {
     g_fail_skip.store(skip);
     g_fail_count.store(count);
-    g_fail_armed.store(count != 0);
+    g_alloc_fail_armed.store(count != 0);
 }
 
-bool injected_failure() noexcept
+bool injected_failure_slow() noexcept
 {
-    if (__builtin_expect(!g_fail_armed.load(std::memory_order_relaxed), 1))
-        return false;
     if (g_fail_skip.load() > 0) {
         g_fail_skip.fetch_sub(1);
         return false;
@@ -62,7 +61,7 @@ bool injected_failure() noexcept
     if (c == 0)
         return false;
     if (c > 0 && g_fail_count.fetch_sub(1) == 1)
-        g_fail_armed.store(false);
+        g_alloc_fail_armed.store(false);
     return true;
 }
 
