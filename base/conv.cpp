@@ -12,8 +12,11 @@
 // that thread's exit (from another thread-exit destructor) opens its own.
 //
 // Text checks. Bytes 0x20..0x7E are ASCII text and never change the UTF-8
-// walk's state, so both the ASCII and the UTF-8 checks skip runs of them
-// sixteen bytes at a time; every other byte goes through the byte-wise rules.
+// walk's state, so both the ASCII and the UTF-8 checks read eight bytes at a
+// time. A word of printable bytes is skipped at once; the UTF-8 check
+// classifies every byte of any other word in parallel (see Utf8Word), so no
+// step waits for the previous character's length. The last bytes go byte by
+// byte.
 
 #include "qel_conv.h"
 
@@ -177,7 +180,49 @@ static_assert(kClasses.c[0x07] == kClassAscii && kClasses.c[0x1B] == kClassAscii
               kClasses.c[0x85] == kClassAscii && kClasses.c[0x84] == kClassExtended &&
               kClasses.c[0x9F] == kClassExtended && kClasses.c[0xA0] == kClassIso);
 
-// ---- sixteen printable bytes at a time ------------------------------------------
+// ---- the UTF-8 walk's step table ----------------------------------------------------
+
+// What a byte does where a character starts: kReject ends the walk with 0 (a
+// byte below 0x80 outside class 1, a continuation byte, 1111111x), kText is a
+// text byte below 0x80, and 1..5 is a lead byte followed by that many
+// continuation bytes.
+constexpr int8_t kReject = -1, kText = 0;
+
+struct StepTable {
+    int8_t s[256];
+};
+
+constexpr StepTable make_step_table()
+{
+    StepTable t{};
+    for (int b = 0; b < 256; ++b) {
+        int8_t step;
+        if (b < 0x80)
+            step = kClasses.c[b] == kClassAscii ? kText : kReject;
+        else if ((b & 0x40) == 0)
+            step = kReject; // 10xxxxxx cannot lead
+        else if ((b & 0x20) == 0)
+            step = 1;
+        else if ((b & 0x10) == 0)
+            step = 2;
+        else if ((b & 0x08) == 0)
+            step = 3;
+        else if ((b & 0x04) == 0)
+            step = 4;
+        else if ((b & 0x02) == 0)
+            step = 5;
+        else
+            step = kReject; // 1111111x
+        t.s[b] = step;
+    }
+    return t;
+}
+constexpr StepTable kSteps = make_step_table();
+
+// ---- eight bytes at a time ---------------------------------------------------------
+
+// Words are read little-endian: byte k of the buffer is bits 8k..8k+7.
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the word-wide checks read little-endian");
 
 constexpr uint64_t kOnes = 0x0101010101010101ull;
 constexpr uint64_t kHighs = 0x8080808080808080ull;
@@ -189,27 +234,84 @@ inline uint64_t load8(const unsigned char *p)
     return v;
 }
 
-// Non-zero unless every byte of x is in 0x20..0x7E. A byte of 0x80 or more
-// shows in x itself; below 0x20 the subtraction borrows into its high bit;
-// 0x7F carries into its high bit. Carries and borrows only start at a byte
-// that is already out of range, so the test has no false positives.
+// The high bit of each byte of x that lies outside 0x20..0x7E, and perhaps of
+// bytes after the first such byte. A byte of 0x80 or more shows in x itself;
+// below 0x20 the subtraction borrows into its high bit; 0x7F carries into it.
+// Carries and borrows only start at a byte that is already out of range, so
+// the lowest bit set marks exactly the first byte out of range, and zero means
+// all eight are printable.
 inline uint64_t outside_printable(uint64_t x)
 {
     return (x | (x - 0x20 * kOnes) | (x + kOnes)) & kHighs;
 }
 
-// The first offset from i at which fewer than sixteen bytes remain or a block
-// of sixteen holds a byte outside 0x20..0x7E.
-inline size_t skip_printable(const unsigned char *p, size_t i, size_t n)
+// Number of printable bytes at the start of x (8 if all are).
+inline size_t printable_prefix(uint64_t x)
 {
-    while (n - i >= 16 && (outside_printable(load8(p + i)) | outside_printable(load8(p + i + 8))) == 0)
-        i += 16;
-    return i;
+    uint64_t out = outside_printable(x);
+    return out == 0 ? 8 : static_cast<size_t>(__builtin_ctzll(out)) / 8;
 }
 
-inline bool is_ascii_text(unsigned char c)
+// One word of the UTF-8 walk, all bytes at once. Masks hold 0x80 in each
+// byte for which a property holds. A word is valid exactly when its
+// continuation bytes (10xxxxxx) are the bytes that the leads before them
+// require, none is 1111111x, and its other bytes below 0x80 are of class 1;
+// then the byte-wise walk passes it too, sequence by sequence.
+struct Utf8Word {
+    uint64_t cont;      // continuation bytes
+    uint64_t need;      // bytes the leads of this word require (within it)
+    uint64_t spill;     // bytes of the next word that they require
+    uint64_t complete;  // leads whose sequence ends in this word
+    uint64_t bad;       // 1111111x
+    uint64_t controls;  // bytes below 0x80 outside 0x20..0x7E
+};
+
+inline Utf8Word classify_utf8_word(uint64_t w)
 {
-    return c < 0x80 && kClasses.c[c] != kClassNever;
+    constexpr uint64_t kLow7 = 0x7F * kOnes;
+    const uint64_t high = w & kHighs;
+    // Bit 7-k of each byte, moved to bit 7.
+    const uint64_t b6 = (w << 1) & kHighs, b5 = (w << 2) & kHighs, b4 = (w << 3) & kHighs;
+    const uint64_t b3 = (w << 4) & kHighs, b2 = (w << 5) & kHighs, b1 = (w << 6) & kHighs;
+    // Leads taking at least 1..5 continuation bytes.
+    const uint64_t at1 = high & b6;
+    const uint64_t at2 = at1 & b5, at3 = at2 & b4, at4 = at3 & b3, at5 = at4 & b2;
+    Utf8Word r;
+    r.cont = high & ~b6;
+    r.bad = at5 & b1;
+    const uint64_t leads = at1 & ~r.bad;
+    const uint64_t l1 = leads, l2 = at2 & ~r.bad, l3 = at3 & ~r.bad, l4 = at4 & ~r.bad;
+    const uint64_t l5 = at5 & ~r.bad;
+    r.need = l1 << 8 | l2 << 16 | l3 << 24 | l4 << 32 | l5 << 40;
+    r.spill = l1 >> 56 | l2 >> 48 | l3 >> 40 | l4 >> 32 | l5 >> 24;
+    const uint64_t spilling = (l1 & 0x80ull << 56) | (l2 & 0x80ull << 48) | (l3 & 0x80ull << 40) |
+                              (l4 & 0x80ull << 32) | (l5 & 0x80ull << 24);
+    r.complete = leads & ~spilling;
+    // Exact per byte: the low seven bits are at least 0x20, or are 0x7F.
+    const uint64_t ge20 = ((w & kLow7) + 0x60 * kOnes) & kHighs;
+    const uint64_t is7f = ((w & kLow7) + kOnes) & kHighs;
+    r.controls = ~high & (~ge20 | is7f) & kHighs;
+    return r;
+}
+
+// The byte-wise UTF-8 walk from i with the flag so far.
+int utf8_tail(const unsigned char *p, size_t i, size_t n, int result)
+{
+    while (i < n) {
+        int step = kSteps.s[p[i]];
+        if (step == kReject)
+            return 0;
+        for (int k = 0; k < step; ++k) {
+            if (++i >= n)
+                return result; // a truncated final sequence is tolerated
+            if ((p[i] & 0xC0) != 0x80)
+                return 0;
+        }
+        if (step != kText)
+            result = 1;
+        ++i;
+    }
+    return result;
 }
 
 } // namespace
@@ -307,14 +409,20 @@ int qel_str_is_ascii(const void *buf, size_t n)
     QEL_CHECK(buf != nullptr || n == 0, 0);
     const unsigned char *p = static_cast<const unsigned char *>(buf);
     size_t i = 0;
-    while (i < n) {
-        i = skip_printable(p, i, n);
-        // A block with a control byte (or the tail): byte by byte.
-        size_t end = n - i >= 16 ? i + 16 : n;
-        for (; i < end; ++i)
-            if (!is_ascii_text(p[i]))
-                return 0;
+    while (n - i >= 8) {
+        uint64_t w = load8(p + i);
+        if (outside_printable(w) == 0) {
+            i += 8;
+            continue;
+        }
+        i += printable_prefix(w);
+        if (kSteps.s[p[i]] != kText) // a byte of 0x80 or more, or outside class 1
+            return 0;
+        ++i;
     }
+    for (; i < n; ++i)
+        if (kSteps.s[p[i]] != kText)
+            return 0;
     return 1;
 }
 
@@ -322,41 +430,33 @@ int qel_str_is_utf8(const void *buf, size_t n)
 {
     QEL_CHECK(buf != nullptr || n == 0, 0);
     const unsigned char *p = static_cast<const unsigned char *>(buf);
-    int result = 0; // a complete multibyte sequence has been seen
+    int result = 0;     // a complete multibyte sequence has been seen
+    uint64_t pend = 0;  // bytes of this word that the previous word's lead requires
     size_t i = 0;
-    while (i < n) {
-        unsigned char c = p[i];
-        if (c < 0x80) {
-            if (kClasses.c[c] != kClassAscii)
-                return 0;
-            i = skip_printable(p, i + 1, n);
+    for (; n - i >= 8; i += 8) {
+        uint64_t w = load8(p + i);
+        if (pend == 0 && outside_printable(w) == 0)
             continue;
-        }
-        int follow;
-        if ((c & 0x40) == 0)
-            return 0; // 10xxxxxx cannot lead
-        else if ((c & 0x20) == 0)
-            follow = 1;
-        else if ((c & 0x10) == 0)
-            follow = 2;
-        else if ((c & 0x08) == 0)
-            follow = 3;
-        else if ((c & 0x04) == 0)
-            follow = 4;
-        else if ((c & 0x02) == 0)
-            follow = 5;
-        else
-            return 0; // 1111111x
-        for (int k = 0; k < follow; ++k) {
-            if (++i >= n)
-                return result; // a truncated final sequence is tolerated
-            if ((p[i] & 0xC0) != 0x80)
+        Utf8Word c = classify_utf8_word(w);
+        if ((c.need | pend) != c.cont || c.bad != 0)
+            return 0;
+        for (uint64_t ctl = c.controls; ctl != 0; ctl &= ctl - 1)
+            if (kSteps.s[p[i + static_cast<size_t>(__builtin_ctzll(ctl)) / 8]] != kText)
                 return 0;
-        }
-        result = 1;
-        ++i;
+        if (pend != 0 || c.complete != 0)
+            result = 1;
+        pend = c.spill;
     }
-    return result;
+    // Finish a sequence that the words began; the buffer may end inside it.
+    for (int left = __builtin_popcountll(pend); left > 0; --left, ++i) {
+        if (i >= n)
+            return result;
+        if ((p[i] & 0xC0) != 0x80)
+            return 0;
+        if (left == 1)
+            result = 1;
+    }
+    return utf8_tail(p, i, n, result);
 }
 
 int qel_str_is_utf16(const void *buf, size_t n)

@@ -129,18 +129,20 @@ TEST(Conv, IsUtf16Cases)
 
 // Text-like random bytes: printable runs with controls, high bytes and
 // multibyte sequences (well-formed, broken and truncated) mixed in.
-std::string texty(qeltest::Rng &rng, size_t n)
+std::string texty(qeltest::Rng &rng, size_t n, unsigned ascii_percent = 70)
 {
     static const char *const pieces[] = {"\xc3\xa9", "\xe6\x97\xa5", "\xf0\x9f\x98\x80", "\t", "\n",
                                          "\r\n", "\x85", "\xc3", "\xe6\x97", "\x80", "\x7f",
-                                         "\x01", "\xff", "\xfe\xff", "\xf8\x88\x80\x80\x80"};
+                                         "\x01", "\xff", "\xfe\xff", "\xf8\x88\x80\x80\x80",
+                                         "\xfc\x84\x80\x80\x80\x80", "\xfc\x84\x80\x80\x80",
+                                         "\xc0\x80", "\xed\xa0\x80", "\x0b", "\x1b"};
     std::string s;
     while (s.size() < n) {
         uint64_t pick = rng.range(0, 99);
-        if (pick < 70)
+        if (pick < ascii_percent)
             s.append(rng.range(1, 40), static_cast<char>(rng.range(0x20, 0x7E)));
         else if (pick < 95)
-            s += pieces[rng.range(0, pick < 85 ? 2 : std::size(pieces) - 1)];
+            s += pieces[rng.range(0, rng.chance(50) ? 2 : std::size(pieces) - 1)];
         else
             s += rng.bytes(rng.range(1, 4));
     }
@@ -156,7 +158,9 @@ TEST(Conv, ChecksMatchByteWiseRulesOnRandomBuffers)
     int utf8_ones = 0, ascii_ones = 0;
     for (int iter = 0; iter < 60000; ++iter) {
         size_t n = rng.range(0, 300);
-        std::string s = rng.chance(15) ? rng.bytes(n) : texty(rng, n);
+        std::string s = rng.chance(15)   ? rng.bytes(n)
+                        : rng.chance(30) ? texty(rng, n, 10) // dense multibyte text
+                                         : texty(rng, n);
         size_t off = rng.range(0, 15); // every alignment
         memcpy(arena.data() + off, s.data(), n);
         const unsigned char *p = arena.data() + off;
@@ -185,6 +189,24 @@ TEST(Conv, ChecksMatchByteWiseRulesForEveryByteAtEveryPosition)
                 ASSERT_EQ(oracle::is_ascii(p, s.size()), is_ascii(s)) << pos << " " << b;
                 ASSERT_EQ(oracle::is_utf8(p, s.size()), is_utf8(s)) << pos << " " << b;
             }
+}
+
+TEST(Conv, Utf8SequencesAcrossWordsAndTruncatedAtTheEnd)
+{
+    // Every lead length, and the two never-leading forms, at every offset,
+    // cut at every length, alone or after a complete sequence.
+    const std::string seqs[] = {"\xc3\xa9", "\xe6\x97\xa5", "\xf0\x9f\x98\x80",
+                                "\xf8\x88\x80\x80\x80", "\xfc\x84\x80\x80\x80\x80",
+                                "\xfe\x80\x80\x80\x80\x80", "\xff\x80\x80\x80\x80\x80\x80"};
+    for (const std::string &prefix : {std::string(), std::string("\xc3\xa9")})
+        for (const std::string &seq : seqs)
+            for (size_t pad = 0; pad < 20; ++pad)
+                for (size_t cut = 1; cut <= seq.size(); ++cut)
+                    for (const std::string &after : {std::string(), std::string(9, 'z')}) {
+                        std::string s = prefix + std::string(pad, 'a') + seq.substr(0, cut) + after;
+                        auto p = reinterpret_cast<const unsigned char *>(s.data());
+                        ASSERT_EQ(oracle::is_utf8(p, s.size()), is_utf8(s)) << testing::PrintToString(s);
+                    }
 }
 
 TEST(Conv, Utf16MatchesRulesOnRandomUnits)
