@@ -3,7 +3,7 @@
 //
 // Converters. code_convert opens a converter for every call. The four
 // UTF-8/"UCS-2" conversions keep one converter per direction per thread
-// instead, because iconv_open costs several times a short conversion. A kept
+// instead, because opening and closing a converter costs more than a short conversion itself. A kept
 // converter gives the same bytes as a fresh one: both encodings are stateless,
 // a call that succeeds consumes all its input and leaves the converter in its
 // initial state, and a call that fails marks the converter so that the next
