@@ -19,7 +19,7 @@ namespace {
 // 64 characters of mixed text: ASCII, Latin-1, and BMP characters of 3 bytes.
 const char kUtf8Text64[] =
     "Gr\xc3\xbc\xc3\x9f" "e aus K\xc3\xb6ln \xe2\x80\x94 \xe6\x97\xa5\xe6\x9c\xac "
-    "caf\xc3\xa9 na\xc3\xafve r\xc3\xa9sum\xc3\xa9 \xc2\xa9 2024, fa\xc3\xa7" "ade!!";
+    "caf\xc3\xa9 na\xc3\xafve r\xc3\xa9sum\xc3\xa9 \xc2\xa9 2024, fa\xc3\xa7" "ade!! \xc3\xa0 bient\xc3\xb4t";
 
 std::wstring wide_text64()
 {
