@@ -11,90 +11,18 @@
 #include <string>
 #include <vector>
 
+#include "support/str_models.h"
 #include "support/test_util.h"
 
 namespace {
 
+using qeltest::kmp_find;
+using qeltest::memmem_find;
+using qeltest::model_domain;
+using qeltest::model_replace;
 using qeltest::Rng;
 
-// ---- models ----------------------------------------------------------------------
-
-// The Knuth-Morris-Pratt search over a 512-entry failure table, written out
-// from its description: the oracle for qel_str_find.
-int kmp_find(const char *buf, int len, const char *pat, int m, int start)
-{
-    if (!buf || !pat || m <= 0 || m > 511 || start < 0 || start >= len)
-        return -1;
-    int next[512];
-    next[0] = -1;
-    next[1] = 0;
-    int i = 2, k = 0;
-    while (i < m) {
-        if (pat[i - 1] == pat[k]) {
-            ++k;
-            next[i] = k;
-            ++i;
-        } else if (k < 1) {
-            next[i] = 0;
-            ++i;
-        } else {
-            k = next[k];
-        }
-    }
-    const int n = len - start;
-    if (n < m)
-        return -1;
-    const char *text = buf + start;
-    int s = 0, j = 0;
-    while (s + j < n) {
-        if (pat[j] == text[s + j]) {
-            if (j == m - 1)
-                return s + start;
-            ++j;
-        } else {
-            s = s + j - next[j];
-            j = next[j] < 0 ? 0 : next[j];
-        }
-    }
-    return -1;
-}
-
-int memmem_find(const std::string &buf, const std::string &pat, int start)
-{
-    if (pat.empty() || pat.size() > 511 || start >= static_cast<int>(buf.size()))
-        return -1;
-    const void *hit = memmem(buf.data() + start, buf.size() - start, pat.data(), pat.size());
-    return hit ? static_cast<int>(static_cast<const char *>(hit) - buf.data()) : -1;
-}
-
-// One replacement in a std::string holding a C string, from offset pos with
-// capacity cap counted from pos. Returns the offset after the inserted text.
-long model_replace_once(std::string &s, size_t pos, long long cap, const std::string &from,
-                        const std::string &to)
-{
-    if (from.empty() || from.size() > 511)
-        return -1;
-    size_t rest = s.size() - pos;
-    if (!(cap - static_cast<long long>(rest) >
-          static_cast<long long>(to.size()) - static_cast<long long>(from.size())))
-        return -1;
-    size_t at = s.find(from, pos);
-    if (at == std::string::npos)
-        return -1;
-    s.replace(at, from.size(), to);
-    return static_cast<long>(at + to.size());
-}
-
-long model_replace(std::string &s, long long cap, const std::string &from, const std::string &to,
-                   bool all)
-{
-    long r = model_replace_once(s, 0, cap, from, to);
-    if (r < 0 || !all)
-        return r;
-    for (long next; (next = model_replace_once(s, r, cap - r, from, to)) >= 0;)
-        r = next;
-    return 0;
-}
+// ---- helpers ----------------------------------------------------------------------
 
 std::string random_text(Rng &rng, size_t max_len, const char *alphabet)
 {
@@ -104,17 +32,6 @@ std::string random_text(Rng &rng, size_t max_len, const char *alphabet)
     for (size_t i = 0; i < n; ++i)
         s += alphabet[rng.range(0, k - 1)];
     return s;
-}
-
-int hexv(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
 }
 
 // ---- concatenation, copy, print ------------------------------------------------------
@@ -348,11 +265,7 @@ TEST(Strutil, IntegerValidators)
     for (int round = 0; round < 3000; ++round) {
         std::string s = random_text(rng, 6, "09afAFgx -");
         size_t maxlen = rng.range(0, 8);
-        bool dec = true, hex = true;
-        for (size_t i = 0; i < std::min(maxlen, s.size()); ++i) {
-            dec = dec && isdigit(static_cast<unsigned char>(s[i]));
-            hex = hex && isxdigit(static_cast<unsigned char>(s[i]));
-        }
+        bool dec = qeltest::model_integer(s, maxlen, false), hex = qeltest::model_integer(s, maxlen, true);
         ASSERT_EQ(dec ? QEL_OK : QEL_E_BADFORMAT, qel_string_check_integer(s.c_str(), maxlen)) << s;
         ASSERT_EQ(hex ? QEL_OK : QEL_E_BADFORMAT, qel_string_check_hex_integer(s.c_str(), maxlen)) << s;
     }
@@ -381,25 +294,10 @@ TEST(Strutil, Ipv4Validator)
             s += random_text(rng, 4, rng.chance(80) ? "0123456789" : "0125.x");
         }
         size_t maxlen = rng.chance(80) ? s.size() + rng.range(0, 2) : rng.range(0, s.size());
-        std::string prefix = s.substr(0, std::min(maxlen, s.size()));
-        unsigned char out[4];
-        bool want = inet_pton(AF_INET, prefix.c_str(), out) == 1;
+        bool want = qeltest::model_ipv4(s, maxlen);
         ASSERT_EQ(want ? QEL_OK : QEL_E_BADFORMAT, qel_string_check_ipv4(s.c_str(), maxlen))
             << s << " maxlen " << maxlen;
     }
-}
-
-bool model_domain(const std::string &s, size_t maxlen)
-{
-    if (!s.empty() && s[0] == '-')
-        return false;
-    size_t k = std::min(s.size(), maxlen == SIZE_MAX ? maxlen : maxlen + 1);
-    if (k > 66)
-        return false;
-    for (size_t i = 0; i < k; ++i)
-        if (!(isalnum(static_cast<unsigned char>(s[i])) || strchr("-._", s[i])))
-            return false;
-    return k == 0 || s[k - 1] != '-';
 }
 
 TEST(Strutil, DomainValidator)
@@ -471,20 +369,10 @@ TEST(Strutil, MacAddress)
         uint8_t got[6], model[6];
         memset(got, 0x5A, 6);
         memset(model, 0x5A, 6);
-        // Model of the stored bytes: whole "hh" groups in sequence.
-        size_t i = 0;
-        for (int b = 0; b < 6; ++b) {
-            if (b && (i >= s.size() || (s[i] != ':' && s[i] != '-') || s[i] != s[2]))
-                break; // the first separator fixes the rest
-            if (b)
-                ++i;
-            if (i + 1 >= s.size() || hexv(s[i]) < 0 || hexv(s[i + 1]) < 0)
-                break;
-            model[b] = static_cast<uint8_t>(hexv(s[i]) * 16 + hexv(s[i + 1]));
-            i += 2;
-        }
+        int model_rc = qeltest::model_macaddr(s.c_str(), model);
         bool ok = std::regex_match(s, mac);
-        ASSERT_EQ(ok ? 0 : -1, qel_string_to_macaddr(s.c_str(), got)) << s;
+        ASSERT_EQ(ok ? 0 : -1, model_rc) << s;
+        ASSERT_EQ(model_rc, qel_string_to_macaddr(s.c_str(), got)) << s;
         ASSERT_EQ(0, memcmp(model, got, 6)) << s;
     }
 }
