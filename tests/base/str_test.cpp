@@ -393,7 +393,8 @@ TEST(Str, ReverseSearchesGiveUpAtTheTerminator)
     const char *s = "a/b";
     EXPECT_EQ(s + 1, qel_strnrchr(s, 3, '/'));
     EXPECT_EQ(nullptr, qel_strnrchr(s, 2, 'b'));
-    EXPECT_EQ(nullptr, qel_strnrchr(s, 5, 'b')); // length beyond the end: meets the terminator first
+    const char padded[8] = "a/b";
+    EXPECT_EQ(nullptr, qel_strnrchr(padded, 5, 'b')); // length beyond the end: meets a terminator first
     char buf[6] = {'a', 'x', 0, 'x', 'x', 0};
     EXPECT_EQ(nullptr, qel_strnrchr(buf, 5, 'a'));
     EXPECT_EQ(buf + 4, qel_strnrchr(buf, 5, 'x'));
