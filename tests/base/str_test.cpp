@@ -12,10 +12,12 @@
 #include <vector>
 
 #include "base/internal.h"
+#include "support/str_models.h"
 #include "support/test_util.h"
 
 namespace {
 
+using qeltest::random_text;
 using qeltest::Rng;
 
 // ---- models ------------------------------------------------------------------
@@ -85,25 +87,6 @@ long offset(const char *base, const char *p)
 long woffset(const wchar_t *base, const wchar_t *p)
 {
     return p ? static_cast<long>(p - base) : -1;
-}
-
-std::string random_text(Rng &rng, size_t max_len, const char *alphabet)
-{
-    size_t n = rng.range(0, max_len);
-    size_t k = strlen(alphabet);
-    std::string s;
-    for (size_t i = 0; i < n; ++i)
-        s += alphabet[rng.range(0, k - 1)];
-    return s;
-}
-
-std::wstring random_wtext(Rng &rng, size_t max_len, const std::wstring &alphabet)
-{
-    size_t n = rng.range(0, max_len);
-    std::wstring s;
-    for (size_t i = 0; i < n; ++i)
-        s += alphabet[rng.range(0, alphabet.size() - 1)];
-    return s;
 }
 
 // ---- null tolerance ------------------------------------------------------------
@@ -571,7 +554,7 @@ TEST(Str, WideComparisonsMatchTheirModels)
     SCOPED_TRACE(rng.seed());
     const std::wstring alpha = L"aAbB\u00C9\u00E9[";
     for (int round = 0; round < 5000; ++round) {
-        std::wstring a = random_wtext(rng, 6, alpha), b = random_wtext(rng, 6, alpha);
+        std::wstring a = random_text(rng, 6, alpha.c_str()), b = random_text(rng, 6, alpha.c_str());
         size_t n = rng.range(0, 8);
         int s = 0, d = 0, is = 0, ins = 0;
         for (size_t i = 0;; ++i) {
@@ -626,7 +609,7 @@ TEST(Str, WideSearchesMatchTheirModels)
     SCOPED_TRACE(rng.seed());
     const std::wstring alpha = L"aAbB\u00C9";
     for (int round = 0; round < 10000; ++round) {
-        std::wstring s = random_wtext(rng, 10, alpha), nd = random_wtext(rng, 3, alpha);
+        std::wstring s = random_text(rng, 10, alpha.c_str()), nd = random_text(rng, 3, alpha.c_str());
         const wchar_t *p = s.c_str();
         wchar_t c = alpha[rng.range(0, alpha.size() - 1)];
         size_t n = rng.range(0, s.size());

@@ -20,19 +20,8 @@ using qeltest::kmp_find;
 using qeltest::memmem_find;
 using qeltest::model_domain;
 using qeltest::model_replace;
+using qeltest::random_text;
 using qeltest::Rng;
-
-// ---- helpers ----------------------------------------------------------------------
-
-std::string random_text(Rng &rng, size_t max_len, const char *alphabet)
-{
-    size_t n = rng.range(0, max_len);
-    size_t k = strlen(alphabet);
-    std::string s;
-    for (size_t i = 0; i < n; ++i)
-        s += alphabet[rng.range(0, k - 1)];
-    return s;
-}
 
 // ---- concatenation, copy, print ------------------------------------------------------
 

@@ -12,6 +12,19 @@
 
 namespace qeltest {
 
+// Up to max_len characters drawn from alphabet by rng (anything with
+// range(lo, hi)), narrow or wide.
+template <class R, class Ch>
+std::basic_string<Ch> random_text(R &rng, size_t max_len, const Ch *alphabet)
+{
+    const size_t n = rng.range(0, max_len);
+    const size_t k = std::char_traits<Ch>::length(alphabet);
+    std::basic_string<Ch> s;
+    for (size_t i = 0; i < n; ++i)
+        s += alphabet[rng.range(0, k - 1)];
+    return s;
+}
+
 // The Knuth-Morris-Pratt search over a 512-entry failure table: the oracle
 // of qel_str_find.
 inline int kmp_find(const char *buf, int len, const char *pat, int m, int start)
