@@ -1,7 +1,7 @@
 // Null-tolerant memory and string primitives, narrow and wide.
 //
 // The narrow members check their arguments and forward to the C library where
-// it computes the specified result; the shared searches live as templates in
+// it computes the documented result; the shared searches live as templates in
 // str_impl.h. Where narrow and wide twins differ on purpose (qel_strlcpy and
 // qel_wcslcpy, the +-1 and difference results of the wide compares, locale
 // and ASCII folding) each keeps its own body with the difference named.

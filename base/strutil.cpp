@@ -87,7 +87,7 @@ char *qel_str_strncat(char *dst, const char *src, int size)
     return dst;
 }
 
-// The specified search is Knuth-Morris-Pratt over a 512-entry failure table.
+// The defining search is Knuth-Morris-Pratt over a 512-entry failure table.
 // It reports the first occurrence at or after the start offset, which is what
 // memmem computes, and memmem is faster; the tests keep the table search as
 // the oracle.

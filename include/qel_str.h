@@ -30,7 +30,7 @@
  * thread's locale.
  *
  * Decision: the narrow members forward to the C library wherever it gives the
- * specified result (qel_strlen is strlen, qel_stricmp is strcasecmp, ...); the
+ * documented result (qel_strlen is strlen, qel_stricmp is strcasecmp, ...); the
  * wide lengths forward to wcslen/wcsnlen; everything else is written out.
  */
 #ifndef QEL_STR_H
