@@ -441,11 +441,13 @@ int qel_singleton_once(volatile int32_t *once, void *ctx, int (*init)(void *ctx,
         // the full period and get 0.
         if (init == nullptr)
             return 0;
+        // Only the winner moves the word on from 1, so a swap against 1 is
+        // the atomic store.
         if (init(ctx, arg) != 0) {
-            qel_atomic32_set(once, QEL_ONCE_DONE);
+            qel_atomic32_cmp_and_swap(once, QEL_ONCE_DONE, QEL_ONCE_RUNNING);
             return 1;
         }
-        qel_atomic32_set(once, QEL_ONCE_FAILED); // final: never retried
+        qel_atomic32_cmp_and_swap(once, QEL_ONCE_FAILED, QEL_ONCE_RUNNING); // final: never retried
         return 0;
     }
     if (old != QEL_ONCE_RUNNING)

@@ -179,27 +179,32 @@ TEST(Thread, JoinReturnsTheRoutinesResult)
     }
 }
 
+// The detached thread outlives the test body's frame, so its flags are static.
+std::atomic<bool> g_detached_go{false};
+std::atomic<int> g_detached_done{0};
+
+void *detached_routine(void *)
+{
+    while (!g_detached_go.load())
+        qel_thread_sleep(1);
+    g_detached_done.fetch_add(1);
+    return nullptr;
+}
+
 TEST(Thread, JoinOfADetachedThreadPassesThePlatformError)
 {
-    std::atomic<bool> go{false};
+    g_detached_go = false;
+    g_detached_done = 0;
     pthread_t t;
-    ASSERT_EQ(QEL_OK, qel_thread_start(
-                          &t,
-                          [](void *p) -> void * {
-                              auto *g = static_cast<std::atomic<bool> *>(p);
-                              while (!g->load())
-                                  qel_thread_sleep(1);
-                              return nullptr;
-                          },
-                          &go));
+    ASSERT_EQ(QEL_OK, qel_thread_start(&t, detached_routine, nullptr));
     EXPECT_EQ(QEL_E_INVALIDARG, qel_thread_detach(nullptr));
     EXPECT_EQ(QEL_OK, qel_thread_detach(&t));
     EXPECT_EQ(static_cast<qel_result>(EINVAL), qel_thread_join(&t, nullptr));
-    go = true;
     pthread_t t2;
-    ASSERT_EQ(QEL_OK, qel_thread_start(&t2, echo, nullptr));
+    ASSERT_EQ(QEL_OK, qel_thread_start(&t2, detached_routine, nullptr));
     EXPECT_EQ(QEL_OK, thread_detach(&t2));
-    qel_msleep(20); // let the detached threads end before the next test
+    g_detached_go = true;
+    EXPECT_TRUE(qeltest::eventually([] { return g_detached_done.load() == 2; }));
 }
 
 TEST(Thread, CancelEndsAThreadAtItsNextSleep)
@@ -772,7 +777,7 @@ TEST(Once, LoserPollsUntilTheWinnerFinishes)
     OnceCtx ctx;
     std::thread winner([&] {
         qel_msleep(150);
-        qel_atomic32_set(&word, QEL_ONCE_DONE);
+        __atomic_store_n(&word, QEL_ONCE_DONE, __ATOMIC_SEQ_CST);
     });
     uint64_t t0 = qel_time_get_tick_cout();
     EXPECT_EQ(1, qel_singleton_once(&word, &ctx, run_init, nullptr));
