@@ -12,7 +12,7 @@ inline uint64_t monotonic_ms() noexcept
 {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
+    return static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint32_t>(ts.tv_nsec) / 1000000u;
 }
 
 } // namespace qel::detail

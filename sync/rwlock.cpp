@@ -15,8 +15,10 @@
 //    of the drain, the release) happen only with the mutex held and no reader
 //    inside; they are release stores, so a reader whose compare-and-swap sees
 //    the freed word also sees everything the writer wrote in its section.
-//  - The plain reads that seed a compare-and-swap are acquire loads and need no
-//    ordering of their own; the swap decides.
+//  - The reads that seed a compare-and-swap are acquire loads and need no
+//    ordering of their own; the swap decides. On the hot paths (shared acquire
+//    and release, rundown acquire and release) the seed is a guess instead of
+//    a read; a failed swap returns the current word, so the loop is the same.
 //  - `drained` is set exactly once per counted writer: by the reader whose
 //    release turns the word into -1 after the writer added itself in.
 //
@@ -88,35 +90,41 @@ void exclusive_enter(qel_rwlock *lock)
         wait_for_readers(lock);
 }
 
-// One shared entry attempt: true if the swap succeeded. With `try_only` the
-// writer mutex is tried rather than locked, and its failure lands in *busy.
-bool shared_enter(qel_rwlock *lock, bool try_only, qel_result *busy)
+// The slow half of a shared entry: a writer is about (old < 0), so queue
+// behind it on the writer mutex. The writer's own thread gets in through the
+// recursive mutex and counts further into the negative word. With `try_only`
+// the mutex is tried rather than locked and its failure lands in *busy.
+// Returns true if the swap succeeded; on failure `old` holds the value found.
+bool shared_enter_slow(qel_rwlock *lock, int32_t &old, bool try_only, qel_result *busy)
 {
-    int32_t old = load(lock);
-    int32_t desired;
-    bool locked = false;
-    if (old < 0) {
-        // A writer is about: queue behind it. Its own thread gets in through
-        // the recursive mutex and counts further into the negative word.
-        if (try_only) {
-            qel_result r = qel_mutex_trylock(lock->writer_mutex);
-            if (r != QEL_OK) {
-                *busy = r;
-                return false;
-            }
-        } else {
-            qel_mutex_lock(lock->writer_mutex);
+    if (try_only) {
+        qel_result r = qel_mutex_trylock(lock->writer_mutex);
+        if (r != QEL_OK) {
+            *busy = r;
+            return false;
         }
-        locked = true;
-        old = load(lock);
-        desired = old < 0 ? old - 1 : old + 1;
     } else {
-        desired = old + 1;
+        qel_mutex_lock(lock->writer_mutex);
     }
+    old = load(lock);
+    int32_t desired = old < 0 ? old - 1 : old + 1;
     bool ok = cas(lock, old, desired);
-    if (locked)
-        qel_mutex_unlock(lock->writer_mutex);
+    qel_mutex_unlock(lock->writer_mutex);
     return ok;
+}
+
+// The shared acquire loop after the first swap failed and left the word in
+// `old`. Kept out of line so that the fast path needs no stack frame.
+__attribute__((noinline)) void shared_acquire_retry(qel_rwlock *lock, int32_t old)
+{
+    for (;;) {
+        if (old >= 0) {
+            if (cas(lock, old, old + 1))
+                return;
+        } else if (shared_enter_slow(lock, old, false, nullptr)) {
+            return;
+        }
+    }
 }
 
 } // namespace
@@ -156,15 +164,24 @@ void qel_rwlock_destroy(qel_rwlock *lock)
 void qel_rwlock_shared_acquire(qel_rwlock *lock)
 {
     QEL_CHECK_VOID(lock != nullptr);
-    while (!shared_enter(lock, false, nullptr)) {
-    }
+    // The swap is seeded with the likeliest value, a free lock, rather than a
+    // read of the word: a load right behind the previous locked instruction on
+    // the same line costs about as much as the swap itself. A wrong guess
+    // fails the swap, which hands back the word as a read would.
+    int32_t old = 0;
+    if (__builtin_expect(cas(lock, old, 1), 1))
+        return;
+    shared_acquire_retry(lock, old);
 }
 
 qel_result qel_rwlock_shared_try_acquire(qel_rwlock *lock)
 {
     QEL_CHECK(lock != nullptr, QEL_E_INVALIDARG);
+    // One attempt, so it starts from a real read of the word.
+    int32_t old = load(lock);
     qel_result busy = QEL_OK;
-    if (shared_enter(lock, true, &busy))
+    bool ok = old >= 0 ? cas(lock, old, old + 1) : shared_enter_slow(lock, old, true, &busy);
+    if (ok)
         return QEL_OK;
     return busy != QEL_OK ? busy : QEL_E_FAIL;
 }
@@ -172,7 +189,7 @@ qel_result qel_rwlock_shared_try_acquire(qel_rwlock *lock)
 void qel_rwlock_shared_release(qel_rwlock *lock)
 {
     QEL_CHECK_VOID(lock != nullptr);
-    int32_t old = load(lock);
+    int32_t old = 1; // seeded with the likeliest value: this reader alone
     int32_t desired;
     do {
         // Negative words count toward -1, where a counted-in writer waits.
@@ -225,9 +242,11 @@ void qel_rundown_protection_init(volatile qel_rundown *word)
     *word = 0;
 }
 
+// Acquire and release seed their swap with the likeliest value (a live word
+// with no other reference) instead of a read; see qel_rwlock_shared_acquire.
 int qel_rundown_protection_acquire(volatile qel_rundown *word)
 {
-    qel_rundown v = atomic_word(word).load(std::memory_order_acquire);
+    qel_rundown v = 0;
     while ((v & 1) == 0) {
         if (rd_cas(word, v, v + 2))
             return 1;
@@ -237,7 +256,7 @@ int qel_rundown_protection_acquire(volatile qel_rundown *word)
 
 void qel_rundown_protection_release(volatile qel_rundown *word)
 {
-    qel_rundown v = atomic_word(word).load(std::memory_order_acquire);
+    qel_rundown v = 2;
     while ((v & 1) == 0) {
         if (rd_cas(word, v, v - 2))
             return;
