@@ -67,13 +67,7 @@ void event_reset(qel_event *event)
 // Kept quirk: the start record leaks when pthread_create fails.
 qel_result thread_start(pthread_t *thread, qel_thread_routine routine, void *arg)
 {
-    QEL_CHECK(thread != nullptr && routine != nullptr, QEL_E_INVALIDARG);
-    auto *rec = static_cast<qel_thread_start_record *>(qel::detail::try_alloc(sizeof(qel_thread_start_record)));
-    if (rec == nullptr)
-        return QEL_E_NOMEM;
-    rec->routine = routine;
-    rec->arg = arg;
-    return static_cast<qel_result>(pthread_create(thread, nullptr, qel::sync_internal::start_trampoline, rec));
+    return qel::sync_internal::start_thread(thread, routine, arg, false);
 }
 
 void thread_exit(void *retval)

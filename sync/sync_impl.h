@@ -7,12 +7,19 @@
 #include <stdint.h>
 #include <time.h>
 
+#include "qel_thread.h"
+
 namespace qel::sync_internal {
 
 // The start trampoline of qel_thread_start and thread_start: the new thread
 // copies routine and argument from the record, frees it, and returns the
 // routine's result (0 for a null record).
 void *start_trampoline(void *record) noexcept;
+
+// Starts routine(arg) through the trampoline. Returns 0, QEL_E_INVALIDARG,
+// QEL_E_NOMEM or the pthread_create error; on that error the record is freed
+// only with free_on_failure (the unprefixed call leaks it, a kept quirk).
+qel_result start_thread(pthread_t *thread, qel_thread_routine routine, void *arg, bool free_on_failure) noexcept;
 
 // The semaphore's wall-clock deadline from the whole second `now`: + timeout
 // when positive, + 360 days when negative, `now` itself when 0.

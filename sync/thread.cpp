@@ -47,6 +47,20 @@ void *start_trampoline(void *p) noexcept
     return routine(arg);
 }
 
+qel_result start_thread(pthread_t *thread, qel_thread_routine routine, void *arg, bool free_on_failure) noexcept
+{
+    QEL_CHECK(thread != nullptr && routine != nullptr, QEL_E_INVALIDARG);
+    auto *rec = static_cast<qel_thread_start_record *>(qel::detail::try_alloc(sizeof(qel_thread_start_record)));
+    if (rec == nullptr)
+        return QEL_E_NOMEM;
+    rec->routine = routine;
+    rec->arg = arg;
+    int err = pthread_create(thread, nullptr, start_trampoline, rec);
+    if (err != 0 && free_on_failure)
+        free(rec);
+    return static_cast<qel_result>(err);
+}
+
 struct timespec semaphore_deadline(time_t now, int64_t timeout_ms) noexcept
 {
     struct timespec ts;
@@ -134,18 +148,7 @@ qel_result qel_semaphore_wait(qel_semaphore *sem, int64_t timeout_ms)
 
 qel_result qel_thread_start(pthread_t *thread, qel_thread_routine routine, void *arg)
 {
-    QEL_CHECK(thread != nullptr && routine != nullptr, QEL_E_INVALIDARG);
-    auto *rec = static_cast<qel_thread_start_record *>(qel::detail::try_alloc(sizeof(qel_thread_start_record)));
-    if (rec == nullptr)
-        return QEL_E_NOMEM;
-    rec->routine = routine;
-    rec->arg = arg;
-    int err = pthread_create(thread, nullptr, qel::sync_internal::start_trampoline, rec);
-    if (err != 0) {
-        free(rec);
-        return static_cast<qel_result>(err);
-    }
-    return QEL_OK;
+    return qel::sync_internal::start_thread(thread, routine, arg, true);
 }
 
 void qel_thread_exit(void *retval)

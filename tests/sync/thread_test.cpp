@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <sys/resource.h>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -206,6 +208,45 @@ TEST(Thread, JoinOfADetachedThreadPassesThePlatformError)
     g_detached_go = true;
     EXPECT_TRUE(qeltest::eventually([] { return g_detached_done.load() == 2; }));
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// With the address space capped just above its current size, pthread_create
+// cannot map a stack and fails with EAGAIN. The current call frees its start
+// record; the unprefixed one leaks it (a kept quirk).
+TEST(Thread, FailedCreateFreesTheRecordOnlyInTheCurrentCall)
+{
+    auto r = qeltest::run_in_child([] {
+        long pages = 0;
+        FILE *f = fopen("/proc/self/statm", "r");
+        if (f == nullptr || fscanf(f, "%ld", &pages) != 1)
+            return 10;
+        fclose(f);
+        struct rlimit lim;
+        lim.rlim_cur = lim.rlim_max = static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (1 << 20);
+        if (setrlimit(RLIMIT_AS, &lim) != 0)
+            return 11;
+        // glibc hands the last freed block of a size back first: a freed
+        // record comes back from the next malloc, a leaked one does not.
+        pthread_t t;
+        void *probe = malloc(sizeof(qel_thread_start_record));
+        free(probe);
+        if (qel_thread_start(&t, echo, nullptr) != static_cast<qel_result>(EAGAIN))
+            return 12;
+        void *again = malloc(sizeof(qel_thread_start_record));
+        if (again != probe)
+            return 13;
+        free(again);
+        if (thread_start(&t, echo, nullptr) != static_cast<qel_result>(EAGAIN))
+            return 14;
+        again = malloc(sizeof(qel_thread_start_record));
+        if (again == probe)
+            return 15;
+        return 0;
+    });
+    EXPECT_TRUE(r.exited) << r.output;
+    EXPECT_EQ(0, r.status) << r.output;
+}
+#endif
 
 TEST(Thread, CancelEndsAThreadAtItsNextSleep)
 {
@@ -486,7 +527,7 @@ TEST(Semaphore, PostValueAndWait)
         EXPECT_EQ(QEL_OK, qel_semaphore_wait(s, 0));
     uint64_t t0 = qel_time_get_tick_cout();
     EXPECT_EQ(QEL_E_TIMEOUT, qel_semaphore_wait(s, 0)); // the current second is past
-    EXPECT_EQ(QEL_E_TIMEOUT, qel_semaphore_wait(s, 1)); // so is (almost always) second + 1 ms
+    EXPECT_EQ(QEL_E_TIMEOUT, qel_semaphore_wait(s, 1)); // second + 1 ms: past, or 1 ms away
     EXPECT_LT(qel_time_get_tick_cout() - t0, 1500u);
     EXPECT_EQ(0, qel_semaphore_value(s));
     qel_semaphore_destroy(s);
