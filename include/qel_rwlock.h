@@ -30,8 +30,10 @@
  * contents): each changes the word only when it holds its own address. Use
  * qel_rundown_protection_init to make a word live again.
  *
- * Thread safety: every call may be made from any thread. See the module for
- * which stores are atomic.
+ * Thread safety: every call may be made from any thread. Every
+ * compare-and-swap is a full barrier; the writer's own stores to `state`
+ * (made with the writer mutex held and no reader inside) are release stores,
+ * so a reader that gets in after a writer sees everything the writer wrote.
  */
 #ifndef QEL_RWLOCK_H
 #define QEL_RWLOCK_H
@@ -109,7 +111,8 @@ QEL_API void qel_rundown_protection_release(volatile qel_rundown *word);
 
 /* Closes the gate and waits, without limit, until every reference is
  * released. Returns at once on a word with no references (leaving 1) or one
- * already run down with no wait in progress. */
+ * already run down with no wait in progress. If the wait's event cannot be
+ * created, the waiter polls the count (yielding) instead of sleeping on it. */
 QEL_API void qel_rundown_release_wait(volatile qel_rundown *word);
 
 /* Stores 0 if the word holds its own address; otherwise leaves it. */

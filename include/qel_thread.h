@@ -46,9 +46,10 @@ typedef struct _qel_tls_st qel_tls;             /* a pthread_key_t without destr
 /* A thread's routine: one pointer-sized argument, one pointer-sized result. */
 typedef void *(*qel_thread_routine)(void *arg);
 
-/* The record that carries a routine and its argument to a new thread. Private:
- * allocated by qel_thread_start, freed by the new thread before the routine
- * runs. */
+/* The record that carries a routine and its argument to a new thread. Private
+ * (public for its layout only): allocated by qel_thread_start, freed by the new
+ * thread before the routine runs. The trampoline that consumes it is internal
+ * and shared by both start calls. */
 typedef struct _qel_thread_start_record_st {
     qel_thread_routine routine;
     void *arg;
