@@ -40,8 +40,9 @@
  * and packs to 44 bytes: "XMSG", H of those 28 bytes, count 1, used 28.
  *
  * Unpacking trusts nothing but what it checks: the lengths, the check value,
- * and that the entries tile the area exactly (see relink). Only then are the
- * chains rebuilt, so a lookup or an iteration never leaves the area.
+ * and that the entries tile the area exactly (see relink). A message is handed
+ * out only when all of them hold, so a lookup or an iteration of it never
+ * leaves the area.
  */
 #include "qel_xmsg.h"
 
@@ -220,7 +221,7 @@ uint32_t check_value_copy(void *dst, const void *src, size_t len, uint32_t seed)
     }
 #endif
     memcpy(dst, src, len);
-    return check_value_portable(dst, len, seed);
+    return check_value_portable(src, len, seed);
 }
 
 } // namespace qel::xmsg_internal
@@ -236,10 +237,6 @@ inline qel_xmsg_entry *entry_at(unsigned char *area, uint32_t off) noexcept
 {
     return reinterpret_cast<qel_xmsg_entry *>(area + off);
 }
-inline const qel_xmsg_entry *entry_at(const unsigned char *area, uint32_t off) noexcept
-{
-    return reinterpret_cast<const qel_xmsg_entry *>(area + off);
-}
 inline const unsigned char *key_of(const qel_xmsg_entry *e) noexcept
 {
     return reinterpret_cast<const unsigned char *>(e) + QEL_XMSG_ENTRY_HEADER_SIZE;
@@ -254,9 +251,23 @@ inline unsigned bucket_of(const void *key, size_t klen) noexcept
     return qel::detail::hash33(key, klen) & (QEL_XMSG_BUCKETS - 1);
 }
 
+/* Key equality. Keys of one length mostly differ in their last bytes
+ * (counters, suffixes), so those are compared first, inline. */
 inline bool same_key(const qel_xmsg_entry *e, const void *key, uint16_t klen) noexcept
 {
-    return e->klen == klen && memcmp(key_of(e), key, klen) == 0;
+    if (e->klen != klen)
+        return false;
+    const unsigned char *a = key_of(e);
+    const auto *b = static_cast<const unsigned char *>(key);
+    if (klen >= 4) {
+        uint32_t x, y;
+        memcpy(&x, a + klen - 4, 4);
+        memcpy(&y, b + klen - 4, 4);
+        if (x != y)
+            return false;
+        return klen == 4 || memcmp(a, b, klen - 4u) == 0;
+    }
+    return memcmp(a, b, klen) == 0;
 }
 
 /* Grows the area to hold `need` bytes: 64 first, then doubling, never past
@@ -301,32 +312,39 @@ void fill_iter(qel_xmsg_iter *it, qel_xmsg *m, uint32_t off) noexcept
     it->next = off + total_of(e);
 }
 
-/* Checks that the entries tile the area exactly and rebuilds every chain.
- * The creator entry (offset 0) is checked but not linked; every later entry,
- * deleted ones too, goes to the head of its bucket in address order, so the
- * chains come out as the adds built them. */
-bool relink(qel_xmsg *m) noexcept
+/* Checks that the entries tile the area exactly and rebuilds every chain,
+ * for the entries that end within the first `limit` bytes (the bytes copied
+ * so far); *off is where the next entry starts. The creator entry (offset 0)
+ * is checked but not linked; every later entry, deleted ones too, goes to
+ * the head of its bucket in address order, so the chains come out as the adds
+ * built them. Returns false as soon as an entry cannot fit the used bytes. */
+bool relink(qel_xmsg *m, uint32_t *off_io, uint32_t limit) noexcept
 {
     const uint32_t used = m->used;
     unsigned char *area = m->area;
-    uint32_t off = 0;
-    while (off < used) {
+    uint32_t off = *off_io;
+    while (off < limit) {
         if (used - off < QEL_XMSG_ENTRY_HEADER_SIZE)
             return false;
+        if (limit - off < QEL_XMSG_ENTRY_HEADER_SIZE)
+            break; // the rest of the header is not copied yet
         qel_xmsg_entry *e = entry_at(area, off);
-        uint64_t total = entry_total(e->klen, e->vlen);
+        const uint64_t total = entry_total(e->klen, e->vlen);
         if (e->klen == 0 || total > used - off)
             return false;
-        uint64_t body = static_cast<uint64_t>(e->klen) + e->vlen;
+        if (total > limit - off)
+            break;
+        const uint64_t body = static_cast<uint64_t>(e->klen) + e->vlen;
         if (e->pad != total - (body + 13) || area[off + QEL_XMSG_ENTRY_HEADER_SIZE + body] != 0)
             return false;
         if (off != 0) {
-            unsigned b = bucket_of(key_of(e), e->klen);
+            unsigned b = qel::xmsg_internal::bucket_by_sum(key_of(e), e->klen);
             e->next = m->bucket[b];
             m->bucket[b] = off;
         }
         off += static_cast<uint32_t>(total);
     }
+    *off_io = off;
     return true;
 }
 
@@ -560,10 +578,19 @@ qel_xmsg *qel_xmsg_unpack(const void *buf, size_t len)
             return nullptr;
         }
     }
-    // The check value is computed while copying; the magic is not examined.
-    uint32_t check = qel::xmsg_internal::check_value_copy(m->area, in + QEL_XMSG_HEADER_SIZE, head.used,
-                                                          qel::detail::kHashSeed);
-    if (check != head.check || !relink(m)) {
+    // Copy, check value and chain rebuild run together a slice at a time, so
+    // that the rebuild finds the entries still in cache. The check value
+    // covers the packed bytes as received; the magic is not examined.
+    constexpr uint32_t kSlice = 64 * 1024; // a multiple of the hash's block
+    uint32_t done = 0, off = 0, check = qel::detail::kHashSeed;
+    bool tiles = true;
+    while (done < head.used && tiles) {
+        uint32_t n = head.used - done < kSlice ? head.used - done : kSlice;
+        check = qel::xmsg_internal::check_value_copy(m->area + done, in + QEL_XMSG_HEADER_SIZE + done, n, check);
+        done += n;
+        tiles = relink(m, &off, done);
+    }
+    if (!tiles || off != head.used || check != head.check) {
         free(m->area);
         free(m);
         return nullptr;

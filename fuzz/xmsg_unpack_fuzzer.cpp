@@ -1,12 +1,16 @@
 // Unpacks arbitrary bytes as a packed message; whatever unpacks must stay
 // inside its area under lookups, iteration, deletion, duplication, growth and
-// re-packing, and must pack to a stable image.
+// re-packing, and must pack to a stable image. Each input is tried as it is
+// and resealed (a right check value, with the used bytes as given and as the
+// input's length implies), so that mutations reach the entry checks.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "qel_xmsg.h"
+
+#include "base/internal.h"
 
 namespace {
 
@@ -23,13 +27,11 @@ std::string pack(const qel_xmsg *m)
     return out;
 }
 
-} // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void exercise(const uint8_t *data, size_t size)
 {
     qel_xmsg *m = qel_xmsg_unpack(data, size);
     if (m == nullptr)
-        return 0;
+        return;
     const char *area = reinterpret_cast<const char *>(m->area);
     const char *end = area + m->used;
     if (const char *creator = qel_xmsg_get_creator(m))
@@ -78,5 +80,27 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     qel_xmsg_release(u);
     qel_xmsg_release(d);
     qel_xmsg_release(m);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    exercise(data, size);
+    if (size < 16)
+        return 0;
+    std::string sealed(reinterpret_cast<const char *>(data), size);
+    uint32_t used;
+    memcpy(&used, &sealed[12], 4);
+    for (int pass = 0; pass < 2; ++pass) {
+        if (pass == 1)
+            used = static_cast<uint32_t>(size - 16);
+        else if (used > size - 16)
+            continue;
+        uint32_t check = qel::detail::hash33(sealed.data() + 16, used);
+        memcpy(&sealed[4], &check, 4);
+        memcpy(&sealed[12], &used, 4);
+        exercise(reinterpret_cast<const uint8_t *>(sealed.data()), size);
+    }
     return 0;
 }

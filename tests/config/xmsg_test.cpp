@@ -789,7 +789,7 @@ TEST(Xmsg, AllocationFailuresAreReturned)
 
 // ---- the check value --------------------------------------------------------------
 
-TEST(Xmsg, CheckValueEqualsTheByteSerialHash)
+TEST(Xmsg, CheckValueAndBucketShortcutEqualTheByteSerialHash)
 {
     using namespace qel::xmsg_internal;
     qeltest::Rng rng;
@@ -807,6 +807,12 @@ TEST(Xmsg, CheckValueEqualsTheByteSerialHash)
         size_t to = rng.range(0, 64);
         ASSERT_EQ(want, check_value_copy(dst.data() + to, src.data() + at, len, seed)) << len;
         ASSERT_EQ(0, memcmp(dst.data() + to, src.data() + at, len));
+    }
+    // The bucket shortcut of the chain rebuild.
+    for (int i = 0; i < 5000; ++i) {
+        std::string key = rng.bytes(i < 64 ? static_cast<size_t>(i) : rng.range(1, 300));
+        const auto *k = reinterpret_cast<const unsigned char *>(key.data());
+        ASSERT_EQ(qel::detail::hash33(k, key.size()) & 15, bucket_by_sum(k, key.size())) << key.size();
     }
     // All bytes at their largest: the word sums are at their extremes.
     std::vector<unsigned char> ff(4096, 0xFF);
