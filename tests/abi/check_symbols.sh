@@ -8,7 +8,7 @@ want=$(mktemp) have=$(mktemp)
 trap 'rm -f "$want" "$have"' EXIT
 cat "$lists"/*.txt | sed 's/#.*//; s/[[:space:]]//g; /^$/d' | sort -u >"$want"
 nm -D --defined-only "$lib" | awk '{print $NF}' | sed 's/@.*//' |
-  grep -vxE '_init|_fini|_edata|_end|__bss_start' | sort -u >"$have"
+  grep -vxE '_init|_fini|_edata|_end|__bss_start|__odr_asan\..*' | sort -u >"$have"
 status=0
 if grep -q '^_Z' "$have"; then
   echo "C++ symbols exported:"; grep '^_Z' "$have"; status=1
