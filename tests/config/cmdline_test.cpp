@@ -7,7 +7,8 @@
 #include <vector>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#include <sanitizer/allocator_interface.h>
+// The sanitizer runtimes report the size an allocation was asked for.
+extern "C" size_t __sanitizer_get_allocated_size(const volatile void *p);
 #define QEL_TEST_EXACT_SIZE 1
 #endif
 
