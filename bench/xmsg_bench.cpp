@@ -142,22 +142,33 @@ const Pairs &pairs()
     return *p;
 }
 
+qel_xmsg *build_map(const Pairs &p)
+{
+    qel_xmsg *m = qel_xmsg_new("bench");
+    for (int i = 0; i < kPairs; ++i)
+        qel_xmsg_add(m, p.keys[i].data(), static_cast<uint16_t>(p.keys[i].size()), p.values[i].data(),
+                     static_cast<uint32_t>(p.values[i].size()));
+    return m;
+}
+
+size_t lookup_all(const qel_xmsg *m, const Pairs &p)
+{
+    size_t sum = 0;
+    for (int i = 0; i < kPairs; ++i) {
+        uint32_t vlen = 0;
+        qel_xmsg_get(m, p.keys[i].data(), static_cast<uint16_t>(p.keys[i].size()), &vlen, nullptr);
+        sum += vlen;
+    }
+    return sum;
+}
+
 // Build, look every key up.
 void BM_xmsg_map_build_lookup__qel(benchmark::State &state)
 {
     const Pairs &p = pairs();
     for (auto _ : state) {
-        qel_xmsg *m = qel_xmsg_new("bench");
-        for (int i = 0; i < kPairs; ++i)
-            qel_xmsg_add(m, p.keys[i].data(), static_cast<uint16_t>(p.keys[i].size()), p.values[i].data(),
-                         static_cast<uint32_t>(p.values[i].size()));
-        size_t sum = 0;
-        for (int i = 0; i < kPairs; ++i) {
-            uint32_t vlen = 0;
-            qel_xmsg_get(m, p.keys[i].data(), static_cast<uint16_t>(p.keys[i].size()), &vlen, nullptr);
-            sum += vlen;
-        }
-        benchmark::DoNotOptimize(sum);
+        qel_xmsg *m = build_map(p);
+        benchmark::DoNotOptimize(lookup_all(m, p));
         qel_xmsg_release(m);
     }
 }
@@ -168,22 +179,13 @@ void BM_xmsg_map_wire__qel(benchmark::State &state)
 {
     const Pairs &p = pairs();
     for (auto _ : state) {
-        qel_xmsg *m = qel_xmsg_new("bench");
-        for (int i = 0; i < kPairs; ++i)
-            qel_xmsg_add(m, p.keys[i].data(), static_cast<uint16_t>(p.keys[i].size()), p.values[i].data(),
-                         static_cast<uint32_t>(p.values[i].size()));
+        qel_xmsg *m = build_map(p);
         uint32_t size = 0;
         void *packed = qel_xmsg_pack_aux(m, &size);
         qel_xmsg_release(m);
         qel_xmsg *u = qel_xmsg_unpack(packed, size);
         free(packed);
-        size_t sum = 0;
-        for (int i = 0; i < kPairs; ++i) {
-            uint32_t vlen = 0;
-            qel_xmsg_get(u, p.keys[i].data(), static_cast<uint16_t>(p.keys[i].size()), &vlen, nullptr);
-            sum += vlen;
-        }
-        benchmark::DoNotOptimize(sum);
+        benchmark::DoNotOptimize(lookup_all(u, p));
         qel_xmsg_release(u);
     }
 }

@@ -8,6 +8,8 @@
 
 #include "qel_cmd.h"
 
+#include "tests/support/cmd_model.h"
+
 namespace {
 
 void check(bool ok)
@@ -16,47 +18,13 @@ void check(bool ok)
         __builtin_trap();
 }
 
-template <class Ch>
-std::vector<std::basic_string<Ch>> model(const std::basic_string<Ch> &line, const Ch *sym)
-{
-    std::vector<std::basic_string<Ch>> out;
-    std::basic_string<Ch> cur;
-    bool in_token = false, sq = false, dq = false, esc = false;
-    for (Ch c : line) {
-        bool sep = false;
-        if (c == sym[0] && !esc && !dq)
-            sq = !sq;
-        else if (c == sym[1] && !esc && !sq)
-            dq = !dq;
-        else if (c == sym[2] && !esc)
-            esc = true;
-        else if (c == Ch(' ') && !sq && !dq)
-            sep = true;
-        else
-            esc = false;
-        if (!sep) {
-            in_token = true;
-            cur.push_back(c);
-        } else if (in_token) {
-            out.push_back(cur);
-            cur.clear();
-            in_token = false;
-            if (out.size() == 1023)
-                return out;
-        }
-    }
-    if (in_token)
-        out.push_back(cur);
-    return out;
-}
-
 char **split(const char *s, int *n) { return qel_cmd_parse(s, n); }
 wchar_t **split(const wchar_t *s, int *n) { return qel_cmd_parse_w(s, n); }
 
 template <class Ch>
 void run(const std::basic_string<Ch> &line, const Ch *sym)
 {
-    auto want = model(line, sym);
+    auto want = qeltest::model_split(line, sym);
     int count = -1;
     Ch **argv = split(line.c_str(), &count);
     if (want.empty()) {

@@ -42,7 +42,9 @@
  *  - qel_xmsg_get with a cursor at or beyond the used bytes stores 0 into the
  *    cursor and returns null.
  *  - The creator of a message with no entry (its area could not be
- *    allocated) is null.
+ *    allocated in qel_xmsg_new) is null, and its qel_xmsg_nelem is the entry
+ *    count 0 minus 1 in 32 bits, 0xFFFFFFFF. The first entry added to it is
+ *    at offset 0 and takes the creator entry's place.
  */
 #ifndef QEL_XMSG_H
 #define QEL_XMSG_H
@@ -154,8 +156,8 @@ QEL_API void *qel_xmsg_get(const qel_xmsg *msg, const void *key, uint16_t klen, 
  * null message or one without entries. */
 QEL_API const char *qel_xmsg_get_creator(const qel_xmsg *msg);
 
-/* Returns: the entry count minus 1 (deleted entries counted, the creator
- * entry not); 0 for a null message. */
+/* Returns: the entry count minus 1, modulo 2^32 (deleted entries counted,
+ * the creator entry not); 0 for a null message. */
 QEL_API uint32_t qel_xmsg_nelem(const qel_xmsg *msg);
 
 /* Starts an iteration, oldest entry first, at the first live entry after the

@@ -13,6 +13,7 @@ extern "C" size_t __sanitizer_get_allocated_size(const volatile void *p);
 #endif
 
 #include "base/internal.h"
+#include "support/cmd_model.h"
 #include "support/test_util.h"
 
 namespace {
@@ -41,43 +42,7 @@ wchar_t **parse(const wchar_t *line, int *count)
     return qel_cmd_parse_w(line, count);
 }
 
-// The splitter written as a reader would from its description: classify each
-// character, open a token at a non-separator, close it at a separator.
-template <class Ch>
-std::vector<Str<Ch>> model_split(const Str<Ch> &line, const Ch *sym)
-{
-    std::vector<Str<Ch>> out;
-    Str<Ch> cur;
-    bool in_token = false, sq = false, dq = false, esc = false;
-    for (Ch c : line) {
-        if (c == Ch(0))
-            break;
-        bool sep = false;
-        if (c == sym[0] && !esc && !dq)
-            sq = !sq;
-        else if (c == sym[1] && !esc && !sq)
-            dq = !dq;
-        else if (c == sym[2] && !esc)
-            esc = true;
-        else if (c == Ch(' ') && !sq && !dq)
-            sep = true;
-        else
-            esc = false;
-        if (!sep) {
-            in_token = true;
-            cur.push_back(c);
-        } else if (in_token) {
-            out.push_back(cur);
-            cur.clear();
-            in_token = false;
-            if (out.size() == 1023)
-                return out;
-        }
-    }
-    if (in_token)
-        out.push_back(cur);
-    return out;
-}
+using qeltest::model_split;
 
 // Splits, checks the block's layout and returns the tokens.
 template <class Ch>

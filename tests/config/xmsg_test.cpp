@@ -738,6 +738,11 @@ TEST(Xmsg, AllocationFailuresAreReturned)
     EXPECT_EQ(nullptr, qel_xmsg_get_creator(bare));
     EXPECT_EQ(nullptr, qel_xmsg_first(bare));
     EXPECT_EQ(16u, qel_xmsg_pack_size(bare));
+    EXPECT_EQ(0xFFFFFFFFu, qel_xmsg_nelem(bare));
+    EXPECT_EQ(0, add(bare, "k", "first")); // takes the creator entry's place
+    EXPECT_STREQ("first", qel_xmsg_get_creator(bare));
+    EXPECT_EQ(nullptr, qel_xmsg_get(bare, "k", 1, nullptr, nullptr));
+    EXPECT_EQ(0u, qel_xmsg_nelem(bare));
     qel_xmsg_release(bare);
 
     qel_xmsg *m = sample();
