@@ -289,6 +289,16 @@ bool grow(qel_xmsg *m, uint64_t need) noexcept
     return true;
 }
 
+/* A key or value that the caller took from this message's own entries (a
+ * value copied under another key) moves with the area when it grows. */
+const void *follow(const void *p, const unsigned char *old_area, const qel_xmsg *m) noexcept
+{
+    const auto at = reinterpret_cast<uintptr_t>(p), base = reinterpret_cast<uintptr_t>(old_area);
+    if (old_area == nullptr || old_area == m->area || at < base || at >= base + m->used)
+        return p;
+    return m->area + (at - base);
+}
+
 /* Offset of the first live entry at or after `off`; m->used if none. */
 uint32_t live_from(const qel_xmsg *m, uint32_t off) noexcept
 {
@@ -393,8 +403,13 @@ int qel_xmsg_add(qel_xmsg *msg, const void *key, uint16_t klen, const void *valu
     const uint64_t need = static_cast<uint64_t>(msg->used) + total;
     if (need > QEL_XMSG_MAX_AREA)
         return -1;
-    if (need > msg->capacity && !grow(msg, need))
-        return -1;
+    if (need > msg->capacity) {
+        const unsigned char *old_area = msg->area;
+        if (!grow(msg, need))
+            return -1;
+        key = follow(key, old_area, msg);
+        value = follow(value, old_area, msg);
+    }
 
     const uint32_t off = msg->used;
     const unsigned b = bucket_of(key, klen);

@@ -39,6 +39,8 @@
  *    else is refused with null, so that no later lookup or iteration can read
  *    outside the area.
  *  - A failed qel_xmsg_dup frees the half-built copy before returning null.
+ *  - qel_xmsg_add accepts a key or value that points into the message's own
+ *    entries (a value copied under another key), also when the area moves.
  *  - qel_xmsg_get with a cursor at or beyond the used bytes stores 0 into the
  *    cursor and returns null.
  *  - The creator of a message with no entry (its area could not be

@@ -379,6 +379,22 @@ TEST(Xmsg, AreaGrowsTo64ThenDoublesOnlyWhenNeeded)
     qel_xmsg_release(m);
 }
 
+TEST(Xmsg, AddingBytesOfTheMessageItselfSurvivesGrowth)
+{
+    qel_xmsg *m = qel_xmsg_new("agent");
+    add(m, "seed", "0123456789");
+    for (int i = 0; i < 200; ++i) { // each copy may move the area
+        uint32_t vlen = 0;
+        const void *v = qel_xmsg_get(m, "seed", 4, &vlen, nullptr);
+        const char *creator = qel_xmsg_get_creator(m);
+        ASSERT_EQ(0, qel_xmsg_add(m, creator, 5, v, vlen));
+    }
+    EXPECT_EQ(200u, walk_key(m, "agent").size());
+    for (const Bytes &v : walk_key(m, "agent"))
+        EXPECT_EQ("0123456789", v);
+    qel_xmsg_release(m);
+}
+
 TEST(Xmsg, AreaNeverPassesItsLimit)
 {
     qel_xmsg m = {};
