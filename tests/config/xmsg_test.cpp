@@ -656,6 +656,50 @@ TEST(Xmsg, UnpackRefusesAreasThatDoNotTile)
     qel_xmsg_release(m);
 }
 
+TEST(Xmsg, LargeMessagesRoundTrip)
+{
+    // Several hundred KiB: entries of every size straddle the slices in which
+    // unpacking copies and relinks.
+    qeltest::Rng rng;
+    SCOPED_TRACE(rng.seed());
+    qel_xmsg *m = qel_xmsg_new("large");
+    Model model("large");
+    std::vector<Bytes> keys;
+    while (m->used < 400 * 1024) {
+        Bytes k = rng.bytes(rng.range(1, 12), 'a', 'p');
+        Bytes v = rng.bytes(rng.chance(10) ? rng.range(1000, 70000) : rng.range(0, 40));
+        ASSERT_EQ(0, add(m, k, v));
+        model.entries.push_back({k, v, false});
+        if (keys.size() < 50)
+            keys.push_back(k);
+    }
+    qel_xmsg_del(m, keys[3].data(), static_cast<uint16_t>(keys[3].size()));
+    for (auto &e : model.entries)
+        if (&e != &model.entries[0] && e.key == keys[3])
+            e.deleted = true;
+    Bytes p = pack(m);
+    EXPECT_EQ(model.packed(), p);
+    qel_xmsg *u = unpack(p);
+    ASSERT_NE(nullptr, u);
+    expect_matches(u, model, keys);
+    qel_xmsg_release(u);
+
+    // A broken entry far into the area, behind a right check value.
+    uint32_t off = 0, last = 0;
+    while (off < m->used) {
+        last = off;
+        const auto *e = reinterpret_cast<const qel_xmsg_entry *>(m->area + off);
+        off += (e->klen + e->vlen + 16) & ~3u;
+    }
+    Bytes bad = p;
+    bad[16 + last + 11] ^= 1; // the last entry's pad count
+    EXPECT_EQ(nullptr, unpack(reseal(bad)));
+    bad = p;
+    bad[16 + last + 4] ^= 4; // its value length
+    EXPECT_EQ(nullptr, unpack(reseal(bad)));
+    qel_xmsg_release(m);
+}
+
 TEST(Xmsg, EmptyAreaRoundTrips)
 {
     Bytes p = "XMSG";
