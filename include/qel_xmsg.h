@@ -111,9 +111,10 @@ typedef struct _qel_xmsg_iter_st {
 } qel_xmsg_iter;
 
 /* Creates a message whose creator entry holds `creator` with its NUL
- * ("(null)" when creator is null; a name of 65536 bytes or more keeps its
- * length modulo 65536). The first growth of the area is to 64 bytes. If the
- * area cannot be allocated the message is returned without a creator entry.
+ * ("(null)" when creator is null). The value is the first (length mod 65536)
+ * + 1 bytes of the name, so a name of 65536 bytes or more is cut short. The
+ * first growth of the area is to 64 bytes. If the area cannot be allocated
+ * the message is returned without a creator entry.
  * Returns: the message with count 1; null if the object cannot be allocated. */
 QEL_API qel_xmsg *qel_xmsg_new(const char *creator);
 
