@@ -596,7 +596,7 @@ qel_xmsg *qel_xmsg_unpack(const void *buf, size_t len)
     // Copy, check value and chain rebuild run together a slice at a time, so
     // that the rebuild finds the entries still in cache. The check value
     // covers the packed bytes as received; the magic is not examined.
-    constexpr uint32_t kSlice = 64 * 1024; // a multiple of the hash's block
+    constexpr uint32_t kSlice = 4 * 1024; // a multiple of the hash's block
     uint32_t done = 0, off = 0, check = qel::detail::kHashSeed;
     bool tiles = true;
     while (done < head.used && tiles) {
