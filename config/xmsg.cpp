@@ -50,7 +50,6 @@
 #include <stdio.h>
 #include <string.h>
 
-
 #if defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>
 #define QEL_XMSG_X86 1
