@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "base/internal.h"
+#include "containers/key_bytes.h"
 #include "qel_xhash.h"
 
 namespace qel::xhash_internal {
@@ -51,7 +52,7 @@ inline bool node_matches(const qel_xhash *t, const qel_xhash_node *n, uint32_t h
     if (n->hash != h)
         return false;
     if (t->compare == default_compare)
-        return n->key_len == key_len && (key_len == 0 || memcmp(n->key, key, key_len) == 0);
+        return n->key_len == key_len && detail::key_bytes_equal(n->key, key, key_len);
     return t->compare(n->key, n->key_len, key, key_len) == 0;
 }
 

@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "base/internal.h"
+#include "containers/key_bytes.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define QEL_OA_HASH_LSAN 1
@@ -65,7 +66,8 @@ qel_oa_hash_key *make_key(const void *key, uint32_t len)
 // clear never matches.
 inline bool same_key(const qel_oa_hash_slot &s, uint32_t h, const void *key, uint32_t len)
 {
-    return s.hash == h && s.key != nullptr && s.key->len == len && memcmp(bytes_of(s.key), key, len) == 0;
+    return s.hash == h && s.key != nullptr && s.key->len == len &&
+           qel::detail::key_bytes_equal(bytes_of(s.key), key, len);
 }
 
 // Robin Hood placement of an entry whose key is not in the table, probing from
@@ -116,8 +118,13 @@ long find(const qel_oa_hash *t, uint32_t h, const void *key, uint32_t len)
         const qel_oa_hash_slot &s = t->slots[i];
         if (s.psl < psl) // empty (PSL 0), or a resident the key would have displaced
             return -1;
-        if (same_key(s, h, key, len))
-            return static_cast<long>(i);
+        if (s.hash == h) {
+            // Fetch the value while the key block is compared: on a hit both
+            // are needed, and the two loads then overlap.
+            __builtin_prefetch(&t->values[i]);
+            if (same_key(s, h, key, len))
+                return static_cast<long>(i);
+        }
         i = (i + 1) & mask;
     }
     return -1;

@@ -150,6 +150,9 @@ TEST_P(Xhash, CreateStartsWithEightSlotsAndDefaults)
     EXPECT_EQ(5318u, t->hash("", 0));
     EXPECT_EQ(ref_hash("abc"), t->hash("abc", 3));
     EXPECT_EQ(ref_hash(std::string("\xff\x80", 2)), t->hash("\xff\x80", 2)); // bytes taken unsigned
+    std::string longer = "\xff\x01 the quick brown fox jumps over the lazy dog \x80\x7f";
+    for (size_t n = 0; n <= longer.size(); ++n)
+        EXPECT_EQ(ref_hash(longer.substr(0, n)), t->hash(longer.data(), static_cast<uint32_t>(n))) << n;
     EXPECT_EQ(0, t->compare("ab", 2, "ab", 2));
     EXPECT_EQ(1, t->compare("ab", 2, "ac", 2));
     EXPECT_EQ(1, t->compare("ab", 2, "abc", 3));
