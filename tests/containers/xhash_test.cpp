@@ -13,15 +13,12 @@
 #include <vector>
 
 #include "base/internal.h"
+#include "support/hash_test_util.h"
 #include "support/test_util.h"
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int kScale = 10; // sanitizer builds run a tenth of the random operations
-#else
-constexpr int kScale = 1;
-#endif
+constexpr int kScale = qeltest::kRandomScale;
 
 // The current calls and their unprefixed twins, so that every behaviour is
 // checked for both.
@@ -58,24 +55,16 @@ const Api kLegacy = {"legacy", xhash_create2, xhash_create, xhash_destroy, xhash
 
 uint32_t ref_hash(const std::string &k)
 {
-    uint32_t h = 5318;
-    for (unsigned char c : k)
-        h = h * 33 + c;
-    return h;
+    return qeltest::reference_hash33(k, 5318);
 }
 
-// Value-free bookkeeping: how many times each value was freed.
-std::map<uintptr_t, int> g_freed;
-int g_free_total = 0;
-void count_free(void *v)
-{
-    g_freed[reinterpret_cast<uintptr_t>(v)]++;
-    g_free_total++;
-}
+using qeltest::count_free;
+using qeltest::g_free_total;
+using qeltest::g_freed;
 
 void *val(uintptr_t v)
 {
-    return reinterpret_cast<void *>(v);
+    return qeltest::as_value(v);
 }
 
 // Hash callbacks that make the table's placement easy to predict or hostile.
