@@ -118,13 +118,8 @@ long find(const qel_oa_hash *t, uint32_t h, const void *key, uint32_t len)
         const qel_oa_hash_slot &s = t->slots[i];
         if (s.psl < psl) // empty (PSL 0), or a resident the key would have displaced
             return -1;
-        if (s.hash == h) {
-            // Fetch the value while the key block is compared: on a hit both
-            // are needed, and the two loads then overlap.
-            __builtin_prefetch(&t->values[i]);
-            if (same_key(s, h, key, len))
-                return static_cast<long>(i);
-        }
+        if (same_key(s, h, key, len))
+            return static_cast<long>(i);
         i = (i + 1) & mask;
     }
     return -1;
