@@ -26,8 +26,10 @@
  *
  * Out of memory: creation returns null if one of its three allocations fails.
  * Key-block, growth and histogram allocations are fatal: the line
- * "[PID:%-5ld]\t[ERROR]\t%-10s [%s(%d)] Out of memory\n" at level 0 with the
- * module "oa_hash", then exit(0).
+ * "[PID:%-5ld]\t[ERROR]\t%-10s [%s(%d)] Out of memory\n" at level 0, then
+ * exit(0). The module text is "oa_hash", this table's own source module, and
+ * the line keeps the library's usual capital "Out" (only the chained tables
+ * write it in lower case).
  *
  * Thread safety: unsynchronised; callers lock.
  *
