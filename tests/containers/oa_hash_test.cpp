@@ -351,23 +351,14 @@ TEST_F(OaHash, PslHistogramStopsBeforeTheLargestPsl)
 
 void expect_fatal_oom(long skip, const std::function<void()> &op)
 {
-    qeltest::ChildResult r = qeltest::run_in_child([&] {
-        qel_log_output_register(qeltest::stderr_sink);
-        qel::detail::fail_allocations(skip, 1);
-        op();
-        return 3; // not reached
-    });
-    ASSERT_TRUE(r.exited) << r.output;
-    EXPECT_EQ(0, r.status) << r.output;
-    std::regex re("\\[PID:[0-9]+ *\\]\t\\[ERROR\\]\t\\[MOR\\]      \\[oa_hash\\([0-9]+\\)\\] Out of memory\n");
-    EXPECT_TRUE(std::regex_match(r.output, re)) << r.output;
+    qeltest::expect_fatal_oom(skip, "oa_hash", "Out", op);
 }
 
 TEST_F(OaHash, KeyBlockAndGrowthAllocationFailuresAreFatal)
 {
     qel_oa_hash *t = qel_oa_hash_create(nullptr);
     expect_fatal_oom(0, [&] { qel_oa_hash_insert(t, "k", 1, nullptr); }); // key block
-    expect_fatal_oom(0, [&] { qel_oa_hash_insert(t, "k", 1, nullptr); });
+    expect_fatal_oom(0, [&] { qel_oa_hash_insert(t, "a longer key of forty bytes, give or take", 40, nullptr); });
     for (int i = 0; i < 4; ++i)
         qel_oa_hash_insert(t, &i, sizeof i, nullptr);
     expect_fatal_oom(1, [&] { // the fifth key block succeeds, the growth fails

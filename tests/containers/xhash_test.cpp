@@ -505,17 +505,7 @@ TEST_P(Xhash, UnreachableGrowthGuardReportsAndLeavesTable)
 // the fatal line of this interface and exit status 0.
 void expect_fatal_oom(const Api &api, long skip, const std::function<void()> &op)
 {
-    qeltest::ChildResult r = qeltest::run_in_child([&] {
-        qel_log_output_register(qeltest::stderr_sink);
-        qel::detail::fail_allocations(skip, 1);
-        op();
-        return 3; // not reached
-    });
-    ASSERT_TRUE(r.exited) << r.output;
-    EXPECT_EQ(0, r.status) << r.output;
-    std::string re = std::string("\\[PID:[0-9]+ *\\]\t\\[ERROR\\]\t\\[MOR\\]      \\[") + api.oom_module_regex +
-                     "\\([0-9]+\\)\\] out of memory\n";
-    EXPECT_TRUE(std::regex_match(r.output, std::regex(re))) << r.output << re;
+    qeltest::expect_fatal_oom(skip, api.oom_module_regex, "out", op);
 }
 
 TEST_P(Xhash, AllocationFailuresAreFatalWithTheLowerCaseLine)

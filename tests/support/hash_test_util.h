@@ -4,8 +4,15 @@
 #define MORBASE_HASH_TEST_UTIL_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <regex>
 #include <string>
+
+#include <gtest/gtest.h>
+
+#include "base/internal.h"
+#include "support/test_util.h"
 
 namespace qeltest {
 
@@ -43,6 +50,26 @@ inline void reset_frees()
 inline void *as_value(uintptr_t v)
 {
     return reinterpret_cast<void *>(v);
+}
+
+// Runs op in a child whose funnel lets `skip` allocations through and fails the
+// next, with the log going to standard error; expects exit status 0 and
+// exactly one line matching the out-of-memory format for `module_regex`
+// ("out" or "Out" as `word`).
+inline void expect_fatal_oom(long skip, const std::string &module_regex, const char *word,
+                             const std::function<void()> &op)
+{
+    ChildResult r = run_in_child([&] {
+        qel_log_output_register(stderr_sink);
+        qel::detail::fail_allocations(skip, 1);
+        op();
+        return 3; // not reached
+    });
+    ASSERT_TRUE(r.exited) << r.output;
+    EXPECT_EQ(0, r.status) << r.output;
+    std::string re = "\\[PID:[0-9]+ *\\]\t\\[ERROR\\]\t\\[MOR\\]      \\[" + module_regex + "\\([0-9]+\\)\\] " + word +
+                     " of memory\n";
+    EXPECT_TRUE(std::regex_match(r.output, std::regex(re))) << r.output << re;
 }
 
 } // namespace qeltest
