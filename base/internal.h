@@ -144,8 +144,17 @@ inline uint32_t hash33(const void *data, size_t len, uint32_t seed = kHashSeed) 
 {
     const unsigned char *p = static_cast<const unsigned char *>(data);
     uint32_t h = seed;
-    for (size_t i = 0; i < len; ++i)
-        h = h * 33u + p[i];
+    // Eight, then four bytes per step: h * 33^4 + b0 * 33^3 + b1 * 33^2 +
+    // b2 * 33 + b3 (modulo 2^32) is the same value as four single steps, with
+    // a fraction of the dependency chain (the hash tables' look-ups spend most
+    // of their time here).
+    for (; len >= 8; len -= 8, p += 8)
+        h = h * 1954312449u + (p[0] * 3963737313u + p[1] * 1291467969u) + (p[2] * 39135393u + p[3] * 1185921u) +
+            (p[4] * 35937u + p[5] * 1089u) + (p[6] * 33u + p[7]);
+    for (; len >= 4; len -= 4, p += 4)
+        h = h * 1185921u + (p[0] * 35937u + p[1] * 1089u) + (p[2] * 33u + p[3]);
+    for (; len != 0; --len)
+        h = h * 33u + *p++;
     return h;
 }
 
