@@ -1,0 +1,194 @@
+// The single-producer, single-consumer record fifo.
+//
+// Thread safety
+// -------------
+// Exactly one thread pushes and one thread pops at a time.
+//  - The producer alone writes write_offset and index_write, and the index
+//    ring slots; it reads read_offset (acquire) to compute the free space.
+//  - The consumer alone writes read_offset and index_read; it reads
+//    write_offset (acquire) to compute the used space.
+//  - Push writes the length and payload bytes, then the index slot, then
+//    publishes the new write_offset with a release store: a consumer that sees
+//    the offset sees the bytes. Pop copies the payload out, then publishes the
+//    new read_offset with a release store: a producer that sees the space free
+//    knows the consumer is done with those bytes.
+//  - element_count is the only field that both sides change, always by a
+//    sequentially consistent atomic addition (+1 after a push is published,
+//    -1 after a pop is). Emptiness and room are decided by the offsets, never
+//    by the count, so a count read beside a push or pop may lag by one.
+//  - pick, clear and uninit move several fields without that protocol and
+//    must not run beside a push or pop.
+//
+// Layout
+// ------
+//   [record: 7 x int32, index pointer][data area: data_size bytes]
+//   record in the data area: [u32 length, host order][payload], each part
+//   wrapping at the end of the data area independently.
+//   free = data_size + read - write when write >= read, else read - write;
+//   used = write - read when write >= read, else data_size - read + write.
+
+#include "qel_fifo.h"
+
+#include <cstring>
+
+#include "base/internal.h"
+
+namespace {
+
+constexpr int32_t kLengthBytes = 4;
+
+inline unsigned char *data_area(qel_fifo *f)
+{
+    return reinterpret_cast<unsigned char *>(f) + sizeof(qel_fifo);
+}
+
+inline int32_t load_acquire(const int32_t *p)
+{
+    return __atomic_load_n(p, __ATOMIC_ACQUIRE);
+}
+
+inline int32_t load_relaxed(const int32_t *p)
+{
+    return __atomic_load_n(p, __ATOMIC_RELAXED);
+}
+
+inline void store_release(int32_t *p, int32_t v)
+{
+    __atomic_store_n(p, v, __ATOMIC_RELEASE);
+}
+
+inline int32_t count_add(qel_fifo *f, int32_t delta)
+{
+    return __atomic_add_fetch(const_cast<int32_t *>(&f->element_count), delta, __ATOMIC_SEQ_CST);
+}
+
+// Copies n bytes in at offset `at`, wrapping; returns the offset after them.
+inline int32_t copy_in(unsigned char *area, int32_t size, int32_t at, const void *src, int32_t n)
+{
+    int32_t first = size - at < n ? size - at : n;
+    memcpy(area + at, src, static_cast<size_t>(first));
+    if (first < n)
+        memcpy(area, static_cast<const unsigned char *>(src) + first, static_cast<size_t>(n - first));
+    int64_t end = static_cast<int64_t>(at) + n;
+    return static_cast<int32_t>(end >= size ? end - size : end);
+}
+
+// Copies n bytes out from offset `at`, wrapping; returns the offset after them.
+inline int32_t copy_out(const unsigned char *area, int32_t size, int32_t at, void *dst, int32_t n)
+{
+    int32_t first = size - at < n ? size - at : n;
+    memcpy(dst, area + at, static_cast<size_t>(first));
+    if (first < n)
+        memcpy(static_cast<unsigned char *>(dst) + first, area, static_cast<size_t>(n - first));
+    int64_t end = static_cast<int64_t>(at) + n;
+    return static_cast<int32_t>(end >= size ? end - size : end);
+}
+
+// Reads the record starting at `at`: its payload goes to buffer if it fits.
+// Returns the offset after the record, or -1 if the payload is too long.
+inline int32_t read_record(qel_fifo *f, int32_t at, void *buffer, int32_t buffer_size)
+{
+    const unsigned char *area = data_area(f);
+    int32_t size = f->data_size;
+    uint32_t length;
+    int32_t payload = copy_out(area, size, at, &length, kLengthBytes);
+    if (length > static_cast<uint32_t>(buffer_size))
+        return -1;
+    return copy_out(area, size, payload, buffer, static_cast<int32_t>(length));
+}
+
+} // namespace
+
+qel_fifo *qel_fifo_init(int32_t data_size)
+{
+    QEL_CHECK(data_size >= 1, nullptr);
+    auto *f = static_cast<qel_fifo *>(
+        qel::detail::try_alloc(sizeof(qel_fifo) + static_cast<size_t>(data_size)));
+    if (f == nullptr)
+        return nullptr;
+    f->index = static_cast<int32_t *>(qel::detail::try_alloc(static_cast<size_t>(data_size)));
+    if (f->index == nullptr) {
+        free(f);
+        return nullptr;
+    }
+    f->read_offset = 0;
+    f->write_offset = 0;
+    f->data_size = data_size;
+    f->element_count = 0;
+    f->index_write = 0;
+    f->index_read = 0;
+    f->index_capacity = data_size / 4;
+    return f;
+}
+
+void qel_fifo_uninit(qel_fifo **fifo)
+{
+    if (fifo == nullptr || *fifo == nullptr)
+        return;
+    free((*fifo)->index);
+    free(*fifo);
+    *fifo = nullptr;
+}
+
+int qel_fifo_push(qel_fifo *fifo, const void *data, int32_t length)
+{
+    QEL_CHECK(fifo != nullptr && data != nullptr && length >= 1, -1);
+    int32_t size = fifo->data_size;
+    int32_t w = load_relaxed(&fifo->write_offset);
+    int32_t r = load_acquire(&fifo->read_offset);
+    int64_t room = w >= r ? static_cast<int64_t>(size) + r - w : static_cast<int64_t>(r) - w;
+    if (static_cast<int64_t>(length) + kLengthBytes >= room)
+        return -1;
+    unsigned char *area = data_area(fifo);
+    uint32_t len32 = static_cast<uint32_t>(length);
+    int32_t at = copy_in(area, size, w, &len32, kLengthBytes);
+    int32_t end = copy_in(area, size, at, data, length);
+    // A record takes at least 5 bytes and the ring never fills, so fewer than
+    // data_size / 4 records are ever held and the index ring cannot overrun.
+    int32_t slot = fifo->index_write;
+    fifo->index[slot] = w;
+    fifo->index_write = slot + 1 == fifo->index_capacity ? 0 : slot + 1;
+    store_release(&fifo->write_offset, end);
+    count_add(fifo, 1);
+    return 0;
+}
+
+int qel_fifo_pop(qel_fifo *fifo, void *buffer, int32_t buffer_size)
+{
+    QEL_CHECK(fifo != nullptr && buffer != nullptr && buffer_size >= 0, -1);
+    int32_t r = load_relaxed(&fifo->read_offset);
+    int32_t w = load_acquire(&fifo->write_offset);
+    if (w == r) // used space 0
+        return -1;
+    int32_t end = read_record(fifo, r, buffer, buffer_size);
+    if (end < 0)
+        return -1;
+    int32_t slot = fifo->index_read;
+    fifo->index_read = slot + 1 == fifo->index_capacity ? 0 : slot + 1;
+    store_release(&fifo->read_offset, end);
+    count_add(fifo, -1);
+    return 0;
+}
+
+int qel_fifo_pick(qel_fifo *fifo, void *buffer, int32_t buffer_size, int32_t n)
+{
+    QEL_CHECK(fifo != nullptr && buffer != nullptr && buffer_size >= 0 && n >= 0, -1);
+    if (n >= count_add(fifo, 0))
+        return -1;
+    int64_t slot = (static_cast<int64_t>(fifo->index_read) + n) % fifo->index_capacity;
+    return read_record(fifo, fifo->index[slot], buffer, buffer_size) < 0 ? -1 : 0;
+}
+
+int32_t qel_fifo_saved_element(qel_fifo *fifo)
+{
+    QEL_CHECK(fifo != nullptr, 0);
+    return __atomic_load_n(const_cast<int32_t *>(&fifo->element_count), __ATOMIC_SEQ_CST);
+}
+
+void qel_fifo_clear(qel_fifo *fifo)
+{
+    QEL_CHECK_VOID(fifo != nullptr);
+    store_release(&fifo->read_offset, load_acquire(&fifo->write_offset));
+    fifo->index_read = fifo->index_write;
+    count_add(fifo, -count_add(fifo, 0));
+}
