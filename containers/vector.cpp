@@ -14,7 +14,9 @@
 //    out of further work, so all-equal input costs O(n);
 //  - only the smaller side is recursed into and the larger one is looped on,
 //    so the recursion is at most log2(n) deep;
-//  - after 2 log2(n) partitions on one path the range is heap-sorted, which
+//  - a partition that leaves less than an eighth on one side shuffles a few
+//    elements of both sides to break the pattern that caused it, and after
+//    log2(n) such partitions on one path the range is heap-sorted, which
 //    bounds the worst case at O(n log n);
 //  - ranges of up to 16 elements are insertion-sorted.
 
@@ -161,9 +163,28 @@ size_t partition_left(Elem *a, size_t lo, size_t hi, Cmp cmp)
     return j;
 }
 
+// Swaps a few elements of a[lo, hi) with elements a quarter of the way in,
+// so that a pattern that gave a bad pivot does not give it again.
+inline void break_pattern(Elem *a, size_t lo, size_t hi)
+{
+    size_t n = hi - lo;
+    if (n < kInsertionLimit)
+        return;
+    size_t q = n / 4;
+    swap_at(a, lo, lo + q);
+    swap_at(a, hi - 1, hi - q);
+    if (n > kNintherLimit) {
+        swap_at(a, lo + 1, lo + q + 1);
+        swap_at(a, lo + 2, lo + q + 2);
+        swap_at(a, hi - 2, hi - q - 1);
+        swap_at(a, hi - 3, hi - q - 2);
+    }
+}
+
 // Sorts a[lo, hi). `leftmost`: the range starts the array (no element before
-// it to lean on). `depth`: partitions left before heap sort takes over.
-void intro_sort(Elem *a, size_t lo, size_t hi, int depth, bool leftmost, Cmp cmp)
+// it to lean on). `bad`: unbalanced partitions still allowed before heap sort
+// takes over.
+void intro_sort(Elem *a, size_t lo, size_t hi, int bad, bool leftmost, Cmp cmp)
 {
     for (;;) {
         size_t n = hi - lo;
@@ -171,11 +192,6 @@ void intro_sort(Elem *a, size_t lo, size_t hi, int depth, bool leftmost, Cmp cmp
             insertion_sort(a, lo, hi, cmp, leftmost);
             return;
         }
-        if (depth == 0) {
-            heap_sort(a + lo, n, cmp);
-            return;
-        }
-        --depth;
         choose_pivot(a, lo, hi, cmp);
         // a[lo - 1] is not greater than anything here; if it equals the
         // pivot, every element equal to the pivot is gathered and done with.
@@ -184,12 +200,22 @@ void intro_sort(Elem *a, size_t lo, size_t hi, int depth, bool leftmost, Cmp cmp
             continue;
         }
         size_t p = partition_right(a, lo, hi, cmp);
-        if (p - lo < hi - p - 1) {
-            intro_sort(a, lo, p, depth, leftmost, cmp);
+        size_t left = p - lo;
+        size_t right = hi - p - 1;
+        if (left < n / 8 || right < n / 8) {
+            if (--bad == 0) {
+                heap_sort(a + lo, n, cmp);
+                return;
+            }
+            break_pattern(a, lo, p);
+            break_pattern(a, p + 1, hi);
+        }
+        if (left < right) {
+            intro_sort(a, lo, p, bad, leftmost, cmp);
             lo = p + 1;
             leftmost = false;
         } else {
-            intro_sort(a, p + 1, hi, depth, false, cmp);
+            intro_sort(a, p + 1, hi, bad, false, cmp);
             hi = p;
         }
     }
@@ -299,6 +325,6 @@ qel_result qel_vector_qsort(qel_vector *vector, qel_vector_compare_fn compare)
     QEL_CHECK(vector != nullptr && compare != nullptr, QEL_E_INVALIDARG);
     size_t n = vector->size;
     if (n > 1)
-        intro_sort(vector->elements, 0, n, 2 * floor_log2(n), true, compare);
+        intro_sort(vector->elements, 0, n, floor_log2(n), true, compare);
     return QEL_OK;
 }
