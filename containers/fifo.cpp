@@ -16,6 +16,10 @@
 //    sequentially consistent atomic addition (+1 after a push is published,
 //    -1 after a pop is). Emptiness and room are decided by the offsets, never
 //    by the count, so a count read beside a push or pop may lag by one.
+//  - Each side keeps its last view of the other side's offset in a cache
+//    line of its own after the data area, and reloads the shared offset only
+//    when that view says the ring is full (producer) or empty (consumer):
+//    a stale view only ever understates the room or the records.
 //  - pick, clear and uninit move several fields without that protocol and
 //    must not run beside a push or pop.
 //
@@ -30,16 +34,36 @@
 #include "qel_fifo.h"
 
 #include <cstring>
+#include <new>
 
 #include "base/internal.h"
 
 namespace {
 
 constexpr int32_t kLengthBytes = 4;
+constexpr size_t kCacheLine = 64;
+
+// Each side's last view of the other side's offset, on cache lines of their
+// own after the data area (not part of the record).
+struct alignas(kCacheLine) SideCache {
+    int32_t offset;
+    char pad[kCacheLine - sizeof(int32_t)];
+};
+struct Caches {
+    SideCache producer; // last read_offset the producer loaded
+    SideCache consumer; // last write_offset the consumer loaded
+};
 
 inline unsigned char *data_area(qel_fifo *f)
 {
     return reinterpret_cast<unsigned char *>(f) + sizeof(qel_fifo);
+}
+
+// The caches start at the first cache-line boundary after the data area.
+inline Caches *caches(qel_fifo *f)
+{
+    uintptr_t end = reinterpret_cast<uintptr_t>(data_area(f)) + static_cast<uintptr_t>(f->data_size);
+    return reinterpret_cast<Caches *>((end + kCacheLine - 1) & ~static_cast<uintptr_t>(kCacheLine - 1));
 }
 
 inline int32_t load_acquire(const int32_t *p)
@@ -60,6 +84,12 @@ inline void store_release(int32_t *p, int32_t v)
 inline int32_t count_add(qel_fifo *f, int32_t delta)
 {
     return __atomic_add_fetch(const_cast<int32_t *>(&f->element_count), delta, __ATOMIC_SEQ_CST);
+}
+
+// free = data size + read - write when write >= read, else read - write.
+inline int64_t free_space(int32_t size, int32_t r, int32_t w)
+{
+    return w >= r ? static_cast<int64_t>(size) + r - w : static_cast<int64_t>(r) - w;
 }
 
 // Copies n bytes in at offset `at`, wrapping; returns the offset after them.
@@ -102,8 +132,9 @@ inline int32_t read_record(qel_fifo *f, int32_t at, void *buffer, int32_t buffer
 qel_fifo *qel_fifo_init(int32_t data_size)
 {
     QEL_CHECK(data_size >= 1, nullptr);
-    auto *f = static_cast<qel_fifo *>(
-        qel::detail::try_alloc(sizeof(qel_fifo) + static_cast<size_t>(data_size)));
+    // Record, data area, then room to align the caches.
+    size_t bytes = sizeof(qel_fifo) + static_cast<size_t>(data_size) + kCacheLine + sizeof(Caches);
+    auto *f = static_cast<qel_fifo *>(qel::detail::try_alloc(bytes));
     if (f == nullptr)
         return nullptr;
     f->index = static_cast<int32_t *>(qel::detail::try_alloc(static_cast<size_t>(data_size)));
@@ -118,6 +149,9 @@ qel_fifo *qel_fifo_init(int32_t data_size)
     f->index_write = 0;
     f->index_read = 0;
     f->index_capacity = data_size / 4;
+    new (caches(f)) Caches;
+    caches(f)->producer.offset = 0;
+    caches(f)->consumer.offset = 0;
     return f;
 }
 
@@ -135,10 +169,17 @@ int qel_fifo_push(qel_fifo *fifo, const void *data, int32_t length)
     QEL_CHECK(fifo != nullptr && data != nullptr && length >= 1, -1);
     int32_t size = fifo->data_size;
     int32_t w = load_relaxed(&fifo->write_offset);
-    int32_t r = load_acquire(&fifo->read_offset);
-    int64_t room = w >= r ? static_cast<int64_t>(size) + r - w : static_cast<int64_t>(r) - w;
-    if (static_cast<int64_t>(length) + kLengthBytes >= room)
-        return -1;
+    // The consumer only ever frees space, so a stale read offset
+    // underestimates the room; reload it only when the record seems not to fit.
+    SideCache &seen = caches(fifo)->producer;
+    int32_t r = seen.offset;
+    int64_t need = static_cast<int64_t>(length) + kLengthBytes;
+    if (need >= free_space(size, r, w)) {
+        r = load_acquire(&fifo->read_offset);
+        seen.offset = r;
+        if (need >= free_space(size, r, w))
+            return -1;
+    }
     unsigned char *area = data_area(fifo);
     uint32_t len32 = static_cast<uint32_t>(length);
     int32_t at = copy_in(area, size, w, &len32, kLengthBytes);
@@ -157,9 +198,16 @@ int qel_fifo_pop(qel_fifo *fifo, void *buffer, int32_t buffer_size)
 {
     QEL_CHECK(fifo != nullptr && buffer != nullptr && buffer_size >= 0, -1);
     int32_t r = load_relaxed(&fifo->read_offset);
-    int32_t w = load_acquire(&fifo->write_offset);
-    if (w == r) // used space 0
-        return -1;
+    // The producer only ever adds records, so a stale write offset
+    // underestimates what is there; reload it only when the fifo seems empty.
+    SideCache &seen = caches(fifo)->consumer;
+    int32_t w = seen.offset;
+    if (w == r) { // used space 0
+        w = load_acquire(&fifo->write_offset);
+        seen.offset = w;
+        if (w == r)
+            return -1;
+    }
     int32_t end = read_record(fifo, r, buffer, buffer_size);
     if (end < 0)
         return -1;
@@ -188,7 +236,10 @@ int32_t qel_fifo_saved_element(qel_fifo *fifo)
 void qel_fifo_clear(qel_fifo *fifo)
 {
     QEL_CHECK_VOID(fifo != nullptr);
-    store_release(&fifo->read_offset, load_acquire(&fifo->write_offset));
+    int32_t w = load_acquire(&fifo->write_offset);
+    store_release(&fifo->read_offset, w);
     fifo->index_read = fifo->index_write;
+    caches(fifo)->producer.offset = w;
+    caches(fifo)->consumer.offset = w;
     count_add(fifo, -count_add(fifo, 0));
 }
