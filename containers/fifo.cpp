@@ -95,6 +95,10 @@ inline int64_t free_space(int32_t size, int32_t r, int32_t w)
 // Copies n bytes in at offset `at`, wrapping; returns the offset after them.
 inline int32_t copy_in(unsigned char *area, int32_t size, int32_t at, const void *src, int32_t n)
 {
+    if (__builtin_expect(n < size - at, 1)) { // no wrap, and the end stays inside
+        memcpy(area + at, src, static_cast<size_t>(n));
+        return at + n;
+    }
     int32_t first = size - at < n ? size - at : n;
     memcpy(area + at, src, static_cast<size_t>(first));
     if (first < n)
@@ -106,6 +110,10 @@ inline int32_t copy_in(unsigned char *area, int32_t size, int32_t at, const void
 // Copies n bytes out from offset `at`, wrapping; returns the offset after them.
 inline int32_t copy_out(const unsigned char *area, int32_t size, int32_t at, void *dst, int32_t n)
 {
+    if (__builtin_expect(n < size - at, 1)) {
+        memcpy(dst, area + at, static_cast<size_t>(n));
+        return at + n;
+    }
     int32_t first = size - at < n ? size - at : n;
     memcpy(dst, area + at, static_cast<size_t>(first));
     if (first < n)
