@@ -109,89 +109,74 @@ void BM_rbtree_insert__std(benchmark::State &state)
 }
 BENCHMARK(BM_rbtree_insert__std)->Apply(sizes);
 
+// Runs op(tree, key) over every key of the set, summing what it returns.
+template <class Tree, class Op>
+void queries(benchmark::State &state, Tree &tree, const std::vector<std::string> &k, Op op)
+{
+    for (auto _ : state) {
+        uintptr_t sum = 0;
+        for (const std::string &s : k)
+            sum += op(tree, s);
+        benchmark::DoNotOptimize(sum);
+    }
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(k.size()));
+}
+
+uintptr_t value_of(const qel_rbtree_node *c)
+{
+    return c ? reinterpret_cast<uintptr_t>(c->value) : 0;
+}
+
+uint32_t len_of(const std::string &s)
+{
+    return static_cast<uint32_t>(s.size());
+}
+
 void BM_rbtree_search__qel(benchmark::State &state)
 {
     size_t n = static_cast<size_t>(state.range(0));
-    qel_rbtree *t = qel_tree(n);
-    const auto &k = keys(n);
-    for (auto _ : state) {
-        uintptr_t sum = 0;
-        for (const std::string &s : k) {
-            void *v = nullptr;
-            qel_rbtree_search(t, s.data(), static_cast<uint32_t>(s.size()), &v);
-            sum += reinterpret_cast<uintptr_t>(v);
-        }
-        benchmark::DoNotOptimize(sum);
-    }
-    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(n));
+    queries(state, *qel_tree(n), keys(n), [](qel_rbtree &t, const std::string &s) {
+        void *v = nullptr;
+        qel_rbtree_search(&t, s.data(), len_of(s), &v);
+        return reinterpret_cast<uintptr_t>(v);
+    });
 }
 BENCHMARK(BM_rbtree_search__qel)->Apply(sizes);
 
 void BM_rbtree_search__std(benchmark::State &state)
 {
     size_t n = static_cast<size_t>(state.range(0));
-    StdMap &m = std_tree(n);
-    const auto &k = keys(n);
-    for (auto _ : state) {
-        uintptr_t sum = 0;
-        for (const std::string &s : k) {
-            auto it = m.find(s);
-            sum += reinterpret_cast<uintptr_t>(it->second);
-        }
-        benchmark::DoNotOptimize(sum);
-    }
-    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(n));
+    queries(state, std_tree(n), keys(n), [](StdMap &m, const std::string &s) {
+        return reinterpret_cast<uintptr_t>(m.find(s)->second);
+    });
 }
 BENCHMARK(BM_rbtree_search__std)->Apply(sizes);
 
 void BM_rbtree_lower_bound__qel(benchmark::State &state)
 {
     size_t n = static_cast<size_t>(state.range(0));
-    qel_rbtree *t = qel_tree(n);
-    const auto &k = probe_keys(n);
-    for (auto _ : state) {
-        uintptr_t sum = 0;
-        for (const std::string &s : k) {
-            qel_rbtree_node *c = qel_rbtree_lower_bound(t, s.data(), static_cast<uint32_t>(s.size()));
-            sum += c ? reinterpret_cast<uintptr_t>(c->value) : 0;
-        }
-        benchmark::DoNotOptimize(sum);
-    }
-    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(n));
+    queries(state, *qel_tree(n), probe_keys(n), [](qel_rbtree &t, const std::string &s) {
+        return value_of(qel_rbtree_lower_bound(&t, s.data(), len_of(s)));
+    });
 }
 BENCHMARK(BM_rbtree_lower_bound__qel)->Apply(sizes);
 
 void BM_rbtree_lower_bound__std(benchmark::State &state)
 {
     size_t n = static_cast<size_t>(state.range(0));
-    StdMap &m = std_tree(n);
-    const auto &k = probe_keys(n);
-    for (auto _ : state) {
-        uintptr_t sum = 0;
-        for (const std::string &s : k) {
-            auto it = m.lower_bound(s);
-            sum += it != m.end() ? reinterpret_cast<uintptr_t>(it->second) : 0;
-        }
-        benchmark::DoNotOptimize(sum);
-    }
-    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(n));
+    queries(state, std_tree(n), probe_keys(n), [](StdMap &m, const std::string &s) {
+        auto it = m.lower_bound(s);
+        return it != m.end() ? reinterpret_cast<uintptr_t>(it->second) : 0;
+    });
 }
 BENCHMARK(BM_rbtree_lower_bound__std)->Apply(sizes);
 
 void BM_rbtree_upper_bound__qel(benchmark::State &state)
 {
     size_t n = static_cast<size_t>(state.range(0));
-    qel_rbtree *t = qel_tree(n);
-    const auto &k = probe_keys(n);
-    for (auto _ : state) {
-        uintptr_t sum = 0;
-        for (const std::string &s : k) {
-            qel_rbtree_node *c = qel_rbtree_upper_bound(t, s.data(), static_cast<uint32_t>(s.size()));
-            sum += c ? reinterpret_cast<uintptr_t>(c->value) : 0;
-        }
-        benchmark::DoNotOptimize(sum);
-    }
-    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(n));
+    queries(state, *qel_tree(n), probe_keys(n), [](qel_rbtree &t, const std::string &s) {
+        return value_of(qel_rbtree_upper_bound(&t, s.data(), len_of(s)));
+    });
 }
 BENCHMARK(BM_rbtree_upper_bound__qel)->Apply(sizes);
 
@@ -199,17 +184,10 @@ BENCHMARK(BM_rbtree_upper_bound__qel)->Apply(sizes);
 void BM_rbtree_upper_bound__std(benchmark::State &state)
 {
     size_t n = static_cast<size_t>(state.range(0));
-    StdMap &m = std_tree(n);
-    const auto &k = probe_keys(n);
-    for (auto _ : state) {
-        uintptr_t sum = 0;
-        for (const std::string &s : k) {
-            auto it = m.upper_bound(s);
-            sum += it != m.begin() ? reinterpret_cast<uintptr_t>(std::prev(it)->second) : 0;
-        }
-        benchmark::DoNotOptimize(sum);
-    }
-    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(n));
+    queries(state, std_tree(n), probe_keys(n), [](StdMap &m, const std::string &s) {
+        auto it = m.upper_bound(s);
+        return it != m.begin() ? reinterpret_cast<uintptr_t>(std::prev(it)->second) : 0;
+    });
 }
 BENCHMARK(BM_rbtree_upper_bound__std)->Apply(sizes);
 

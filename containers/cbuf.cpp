@@ -73,6 +73,28 @@ void move_out(qel_cbuf *c, void *out, uint32_t n, bool consume)
         c->read = next;
 }
 
+// Copies in (or commits) min(n, free size) bytes; returns that number.
+int put_some(qel_cbuf *c, const void *data, uint32_t n)
+{
+    uint32_t room = free_size(c);
+    if (n > room)
+        n = room;
+    if (n != 0)
+        move_in(c, data, n);
+    return static_cast<int>(n);
+}
+
+// Copies out (or skips) min(n, used size) bytes; returns that number.
+int take_some(qel_cbuf *c, void *out, uint32_t n, bool consume)
+{
+    uint32_t used = used_size(c);
+    if (n > used)
+        n = used;
+    if (n != 0)
+        move_out(c, out, n, consume);
+    return static_cast<int>(n);
+}
+
 inline bool args_ok(const qel_cbuf *c, const void *p, uint32_t n)
 {
     return c != nullptr && p != nullptr && n != 0;
@@ -97,76 +119,49 @@ int qel_cbuf_put(qel_cbuf *cbuf, const void *data, uint32_t n)
 {
     if (!args_ok(cbuf, data, n))
         return einval();
-    uint32_t room = free_size(cbuf);
-    if (n > room)
-        n = room;
-    if (n != 0)
-        move_in(cbuf, data, n);
-    return static_cast<int>(n);
+    return put_some(cbuf, data, n);
 }
 
 int qel_cbuf_put_full(qel_cbuf *cbuf, const void *data, uint32_t n)
 {
     if (!args_ok(cbuf, data, n) || free_size(cbuf) < n)
         return einval();
-    move_in(cbuf, data, n);
-    return static_cast<int>(n);
+    return put_some(cbuf, data, n);
 }
 
 int qel_cbuf_get(qel_cbuf *cbuf, void *out, uint32_t n)
 {
     if (!args_ok(cbuf, out, n))
         return einval();
-    uint32_t used = used_size(cbuf);
-    if (n > used)
-        n = used;
-    if (n != 0)
-        move_out(cbuf, out, n, true);
-    return static_cast<int>(n);
+    return take_some(cbuf, out, n, true);
 }
 
 int qel_cbuf_get_full(qel_cbuf *cbuf, void *out, uint32_t n)
 {
     if (!args_ok(cbuf, out, n) || used_size(cbuf) < n)
         return einval();
-    move_out(cbuf, out, n, true);
-    return static_cast<int>(n);
+    return take_some(cbuf, out, n, true);
 }
 
 int qel_cbuf_peek(qel_cbuf *cbuf, void *out, uint32_t n)
 {
     if (!args_ok(cbuf, out, n))
         return einval();
-    uint32_t used = used_size(cbuf);
-    if (n > used)
-        n = used;
-    if (n != 0)
-        move_out(cbuf, out, n, false);
-    return static_cast<int>(n);
+    return take_some(cbuf, out, n, false);
 }
 
 int qel_cbuf_del(qel_cbuf *cbuf, uint32_t n)
 {
     if (cbuf == nullptr || n == 0)
         return einval();
-    uint32_t used = used_size(cbuf);
-    if (n > used)
-        n = used;
-    if (n != 0)
-        move_out(cbuf, nullptr, n, true);
-    return static_cast<int>(n);
+    return take_some(cbuf, nullptr, n, true);
 }
 
 int qel_cbuf_add(qel_cbuf *cbuf, uint32_t n)
 {
     if (cbuf == nullptr || n == 0)
         return einval();
-    uint32_t room = free_size(cbuf);
-    if (n > room)
-        n = room;
-    if (n != 0)
-        move_in(cbuf, nullptr, n);
-    return static_cast<int>(n);
+    return put_some(cbuf, nullptr, n);
 }
 
 int qel_cbuf_size(qel_cbuf *cbuf)

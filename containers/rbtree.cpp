@@ -94,42 +94,51 @@ Node *find(const qel_rbtree *t, const void *key, uint32_t len)
     return with_compare(t, [&](auto cmp) { return descend(t, key, len, cmp).match; });
 }
 
-inline Node *leftmost(Node *n)
+// Children by direction: near<true> is left, far<true> is right, and the
+// other way round for false, so each fix-up is written once for both sides.
+template <bool L>
+inline Node *&near(Node *n)
 {
-    while (n->left != nullptr)
-        n = n->left;
+    return L ? n->left : n->right;
+}
+template <bool L>
+inline Node *&far(Node *n)
+{
+    return L ? n->right : n->left;
+}
+
+// extreme<true> is the leftmost node of n's subtree, extreme<false> the
+// rightmost.
+template <bool L>
+inline Node *extreme(Node *n)
+{
+    while (near<L>(n) != nullptr)
+        n = near<L>(n);
     return n;
 }
 
-inline Node *rightmost(Node *n)
+// step<true> is the in-order successor, step<false> the predecessor.
+template <bool L>
+inline Node *step(Node *n)
 {
-    while (n->right != nullptr)
-        n = n->right;
-    return n;
+    if (far<L>(n) != nullptr)
+        return extreme<L>(far<L>(n));
+    Node *p = n->parent;
+    while (p != nullptr && n == far<L>(p)) {
+        n = p;
+        p = p->parent;
+    }
+    return p;
 }
 
 inline Node *successor(Node *n)
 {
-    if (n->right != nullptr)
-        return leftmost(n->right);
-    Node *p = n->parent;
-    while (p != nullptr && n == p->right) {
-        n = p;
-        p = p->parent;
-    }
-    return p;
+    return step<true>(n);
 }
 
 inline Node *predecessor(Node *n)
 {
-    if (n->left != nullptr)
-        return rightmost(n->left);
-    Node *p = n->parent;
-    while (p != nullptr && n == p->left) {
-        n = p;
-        p = p->parent;
-    }
-    return p;
+    return step<false>(n);
 }
 
 inline bool is_red(const Node *n)
@@ -151,26 +160,41 @@ inline void replace_child(qel_rbtree *t, Node *u, Node *v)
         v->parent = p;
 }
 
-void rotate_left(qel_rbtree *t, Node *x)
+// rotate<true> is a left rotation (x's right child takes its place),
+// rotate<false> a right rotation.
+template <bool L>
+void rotate(qel_rbtree *t, Node *x)
 {
-    Node *y = x->right;
-    x->right = y->left;
-    if (y->left != nullptr)
-        y->left->parent = x;
+    Node *y = far<L>(x);
+    far<L>(x) = near<L>(y);
+    if (near<L>(y) != nullptr)
+        near<L>(y)->parent = x;
     replace_child(t, x, y);
-    y->left = x;
+    near<L>(y) = x;
     x->parent = y;
 }
 
-void rotate_right(qel_rbtree *t, Node *x)
+// One step of the insertion fix-up for a red z under a red parent p, where p
+// is the near<L> child of the grandparent. Returns the node to continue with.
+template <bool L>
+Node *insert_step(qel_rbtree *t, Node *z, Node *p, Node *g)
 {
-    Node *y = x->left;
-    x->left = y->right;
-    if (y->right != nullptr)
-        y->right->parent = x;
-    replace_child(t, x, y);
-    y->right = x;
-    x->parent = y;
+    Node *u = far<L>(g);
+    if (is_red(u)) { // recolour and move up
+        p->color = kBlack;
+        u->color = kBlack;
+        g->color = kRed;
+        return g;
+    }
+    if (z == far<L>(p)) {
+        rotate<L>(t, p);
+        z = p;
+        p = z->parent;
+    }
+    p->color = kBlack;
+    g->color = kRed;
+    rotate<!L>(t, g);
+    return z;
 }
 
 void insert_fixup(qel_rbtree *t, Node *z)
@@ -178,101 +202,50 @@ void insert_fixup(qel_rbtree *t, Node *z)
     Node *p;
     while ((p = z->parent) != nullptr && p->color == kRed) {
         Node *g = p->parent; // exists: a red node is never the root
-        if (p == g->left) {
-            Node *u = g->right;
-            if (is_red(u)) {
-                p->color = kBlack;
-                u->color = kBlack;
-                g->color = kRed;
-                z = g;
-                continue;
-            }
-            if (z == p->right) {
-                rotate_left(t, p);
-                z = p;
-                p = z->parent;
-            }
-            p->color = kBlack;
-            g->color = kRed;
-            rotate_right(t, g);
-        } else {
-            Node *u = g->left;
-            if (is_red(u)) {
-                p->color = kBlack;
-                u->color = kBlack;
-                g->color = kRed;
-                z = g;
-                continue;
-            }
-            if (z == p->left) {
-                rotate_right(t, p);
-                z = p;
-                p = z->parent;
-            }
-            p->color = kBlack;
-            g->color = kRed;
-            rotate_left(t, g);
-        }
+        z = p == g->left ? insert_step<true>(t, z, p, g) : insert_step<false>(t, z, p, g);
     }
     t->root->color = kBlack;
 }
 
-// x (possibly null) carries an extra black; xp is its parent.
+// One step of the deletion fix-up for x (possibly null, carrying an extra
+// black) as the near<L> child of xp. Returns true when the fix-up is done;
+// otherwise x and xp move up.
+template <bool L>
+bool delete_step(qel_rbtree *t, Node *&x, Node *&xp)
+{
+    Node *w = far<L>(xp); // non-null: the black heights were equal
+    if (w->color == kRed) {
+        w->color = kBlack;
+        xp->color = kRed;
+        rotate<L>(t, xp);
+        w = far<L>(xp);
+    }
+    if (!is_red(w->left) && !is_red(w->right)) {
+        w->color = kRed;
+        x = xp;
+        xp = x->parent;
+        return false;
+    }
+    if (!is_red(far<L>(w))) {
+        near<L>(w)->color = kBlack;
+        w->color = kRed;
+        rotate<!L>(t, w);
+        w = far<L>(xp);
+    }
+    w->color = xp->color;
+    xp->color = kBlack;
+    far<L>(w)->color = kBlack;
+    rotate<L>(t, xp);
+    x = t->root;
+    return true;
+}
+
 void delete_fixup(qel_rbtree *t, Node *x, Node *xp)
 {
     while (x != t->root && !is_red(x)) {
-        if (x == xp->left) {
-            Node *w = xp->right; // non-null: the black heights were equal
-            if (w->color == kRed) {
-                w->color = kBlack;
-                xp->color = kRed;
-                rotate_left(t, xp);
-                w = xp->right;
-            }
-            if (!is_red(w->left) && !is_red(w->right)) {
-                w->color = kRed;
-                x = xp;
-                xp = x->parent;
-                continue;
-            }
-            if (!is_red(w->right)) {
-                w->left->color = kBlack;
-                w->color = kRed;
-                rotate_right(t, w);
-                w = xp->right;
-            }
-            w->color = xp->color;
-            xp->color = kBlack;
-            w->right->color = kBlack;
-            rotate_left(t, xp);
-            x = t->root;
+        bool done = x == xp->left ? delete_step<true>(t, x, xp) : delete_step<false>(t, x, xp);
+        if (done)
             break;
-        }
-        Node *w = xp->left;
-        if (w->color == kRed) {
-            w->color = kBlack;
-            xp->color = kRed;
-            rotate_right(t, xp);
-            w = xp->left;
-        }
-        if (!is_red(w->left) && !is_red(w->right)) {
-            w->color = kRed;
-            x = xp;
-            xp = x->parent;
-            continue;
-        }
-        if (!is_red(w->left)) {
-            w->right->color = kBlack;
-            w->color = kRed;
-            rotate_left(t, w);
-            w = xp->left;
-        }
-        w->color = xp->color;
-        xp->color = kBlack;
-        w->left->color = kBlack;
-        rotate_right(t, xp);
-        x = t->root;
-        break;
     }
     if (x != nullptr)
         x->color = kBlack;
@@ -299,7 +272,7 @@ void unlink(qel_rbtree *t, Node *z)
         xp = z->parent;
         replace_child(t, z, x);
     } else {
-        Node *y = leftmost(z->right);
+        Node *y = extreme<true>(z->right);
         removed_color = y->color;
         x = y->right;
         if (y->parent == z) {
@@ -349,6 +322,27 @@ const char kEmptyKey[1] = {0};
 inline bool key_ok(const void *key, uint32_t len)
 {
     return key != nullptr || len == 0;
+}
+
+// bound<true> is the ceiling, bound<false> the floor: without an exact
+// match, start from the last visited node and step towards the key's side
+// while the node is still on the wrong side of it.
+template <bool Ceiling>
+Node *bound(const qel_rbtree *t, const void *key, uint32_t len)
+{
+    return with_compare(t, [&](auto cmp) -> Node * {
+        Descent d = descend(t, key, len, cmp);
+        if (d.match != nullptr)
+            return d.match;
+        Node *n = d.last;
+        int32_t r = d.r;
+        while (n != nullptr && (Ceiling ? r < 0 : r > 0)) {
+            n = step<Ceiling>(n);
+            if (n != nullptr)
+                r = cmp(n, key, len);
+        }
+        return n;
+    });
 }
 
 } // namespace
@@ -464,41 +458,13 @@ qel_rbtree_node *qel_rbtree_get_cursor(qel_rbtree *tree, const void *key, uint32
 qel_rbtree_node *qel_rbtree_lower_bound(qel_rbtree *tree, const void *key, uint32_t key_len)
 {
     QEL_CHECK(tree != nullptr && key_ok(key, key_len), nullptr);
-    if (key == nullptr)
-        key = kEmptyKey;
-    return with_compare(tree, [&](auto cmp) -> Node * {
-        Descent d = descend(tree, key, key_len, cmp);
-        if (d.match != nullptr)
-            return d.match;
-        Node *n = d.last;
-        int32_t r = d.r;
-        while (n != nullptr && r < 0) {
-            n = successor(n);
-            if (n != nullptr)
-                r = cmp(n, key, key_len);
-        }
-        return n;
-    });
+    return bound<true>(tree, key != nullptr ? key : kEmptyKey, key_len);
 }
 
 qel_rbtree_node *qel_rbtree_upper_bound(qel_rbtree *tree, const void *key, uint32_t key_len)
 {
     QEL_CHECK(tree != nullptr && key_ok(key, key_len), nullptr);
-    if (key == nullptr)
-        key = kEmptyKey;
-    return with_compare(tree, [&](auto cmp) -> Node * {
-        Descent d = descend(tree, key, key_len, cmp);
-        if (d.match != nullptr)
-            return d.match;
-        Node *n = d.last;
-        int32_t r = d.r;
-        while (n != nullptr && r > 0) {
-            n = predecessor(n);
-            if (n != nullptr)
-                r = cmp(n, key, key_len);
-        }
-        return n;
-    });
+    return bound<false>(tree, key != nullptr ? key : kEmptyKey, key_len);
 }
 
 qel_rbtree_node *qel_rbtree_first(qel_rbtree *tree)
