@@ -3,8 +3,8 @@
 //
 // Every search is one descent from the root: r = compare(node key, key);
 // r == 0 is a match, r > 0 goes left, r < 0 right. When the descent falls off
-// the tree, the last visited node is the floor or the ceiling of the key, so a
-// bound moves at most one step from it.
+// the tree, the last node it left going left is the ceiling of the key and the
+// last one it left going right the floor, so a bound needs no extra compare.
 //
 // A copied key lives in the node's own block, right after the node: one
 // allocation per insert, and the key bytes share the node's cache lines, which
@@ -324,24 +324,32 @@ inline bool key_ok(const void *key, uint32_t len)
     return key != nullptr || len == 0;
 }
 
-// bound<true> is the ceiling, bound<false> the floor: without an exact
-// match, start from the last visited node and step towards the key's side
-// while the node is still on the wrong side of it.
+// bound<true> is the ceiling, bound<false> the floor. The last visited node
+// of a descent that finds no match is the floor or the ceiling of the key,
+// and the other one is the nearest ancestor on the opposite side; so the
+// descent keeps the last node it left going left (greater than the key) and
+// the last one it left going right (smaller), and the answer needs no
+// further compare.
 template <bool Ceiling>
 Node *bound(const qel_rbtree *t, const void *key, uint32_t len)
 {
     return with_compare(t, [&](auto cmp) -> Node * {
-        Descent d = descend(t, key, len, cmp);
-        if (d.match != nullptr)
-            return d.match;
-        Node *n = d.last;
-        int32_t r = d.r;
-        while (n != nullptr && (Ceiling ? r < 0 : r > 0)) {
-            n = step<Ceiling>(n);
-            if (n != nullptr)
-                r = cmp(n, key, len);
+        Node *n = t->root;
+        Node *greater = nullptr;
+        Node *smaller = nullptr;
+        while (n != nullptr) {
+            int32_t r = cmp(n, key, len);
+            if (r == 0)
+                return n;
+            if (r > 0) {
+                greater = n;
+                n = n->left;
+            } else {
+                smaller = n;
+                n = n->right;
+            }
         }
-        return n;
+        return Ceiling ? greater : smaller;
     });
 }
 
