@@ -23,6 +23,11 @@
  * consumer alone the read offset and the index read position, and the
  * element count is changed only by atomic addition. qel_fifo_pick,
  * qel_fifo_clear and qel_fifo_uninit must not run beside a push or a pop.
+ *
+ * Decisions of this implementation: the fifo's block also holds, after the
+ * data area, each side's last view of the other side's offset on cache lines
+ * of their own (private, not part of the record), so that a push or pop reads
+ * the other side's offset only when the ring looks full or empty.
  */
 #ifndef QEL_FIFO_H
 #define QEL_FIFO_H
