@@ -454,6 +454,27 @@ TEST_F(RbtreeTest, DifferentialAgainstMapLargeTree)
     qel_rbtree_destroy(t);
 }
 
+// Keys of every length up to 80 sharing long prefixes: the order is that of
+// std::string (unsigned bytes, then length).
+TEST_F(RbtreeTest, DefaultCompareMatchesByteOrderForLongKeys)
+{
+    qeltest::Rng rng(qeltest::test_seed() + 2);
+    SCOPED_TRACE(rng.seed());
+    qel_rbtree *t = qel_rbtree_create(nullptr, nullptr, 0);
+    std::map<std::string, uintptr_t> model;
+    const std::string prefix = rng.bytes(80);
+    for (uintptr_t i = 1; i <= 5000; ++i) {
+        std::string k = prefix.substr(0, rng.range(0, 80));
+        if (rng.chance(70) && !k.empty())
+            k[rng.range(0, k.size() - 1)] = static_cast<char>(rng.range(0, 255));
+        qel_rbtree_insert(t, k.data(), static_cast<uint32_t>(k.size()), val(i));
+        model[k] = i;
+    }
+    check_tree(t);
+    check_against(t, model);
+    qel_rbtree_destroy(t);
+}
+
 // Keys inserted in sorted and reversed order stay balanced.
 TEST_F(RbtreeTest, SequentialInsertsStayBalanced)
 {
