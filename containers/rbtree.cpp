@@ -29,6 +29,8 @@ constexpr uint32_t kRed = QEL_RBTREE_RED;
 constexpr uint32_t kBlack = QEL_RBTREE_BLACK;
 // Node size on the 32-bit reference platform, the unit of qel_rbtree_size.
 constexpr uint32_t kReferenceNodeSize = 28;
+// The deepest a red-black tree of at most 2^32 nodes can be: 2 log2(n + 1).
+constexpr int kMaxDepth = 66;
 
 // The default order: unsigned bytes, then length (a prefix sorts first).
 // Short keys are compared eight bytes at a time as big-endian words, which
@@ -529,12 +531,22 @@ qel_rbtree_node *qel_rbtree_prev(qel_rbtree_node *node)
 int qel_rbtree_walk(qel_rbtree *tree, void *context, qel_rbtree_walk_fn callback)
 {
     QEL_CHECK(tree != nullptr && callback != nullptr, 0);
-    for (Node *n = tree->first; n != nullptr; n = successor(n)) {
+    // In order with an explicit stack of the left spine: no parent climbs.
+    // A red-black tree of 2^32 nodes is at most 64 levels deep.
+    Node *stack[kMaxDepth];
+    int top = 0;
+    Node *n = tree->root;
+    for (;;) {
+        for (; n != nullptr; n = n->left)
+            stack[top++] = n;
+        if (top == 0)
+            return 0;
+        n = stack[--top];
         int r = callback(n->key, n->key_len, n->value, context);
         if (r != 0)
             return r;
+        n = n->right;
     }
-    return 0;
 }
 
 uint32_t qel_rbtree_count(qel_rbtree *tree)
