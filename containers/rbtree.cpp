@@ -332,17 +332,17 @@ inline void free_node(Node *n)
     free(n);
 }
 
+// Post-order: left subtree, right subtree, then the node (value free, then
+// the block with its key copy). The depth is at most 2 log2(count + 1).
 void destroy_subtree(qel_rbtree *t, Node *n)
 {
-    // Depth is at most 2 log2(count + 1), so recursion is bounded.
-    while (n != nullptr) {
-        destroy_subtree(t, n->left);
-        Node *right = n->right;
-        if (t->value_free != nullptr)
-            t->value_free(n->value);
-        free_node(n);
-        n = right;
-    }
+    if (n == nullptr)
+        return;
+    destroy_subtree(t, n->left);
+    destroy_subtree(t, n->right);
+    if (t->value_free != nullptr)
+        t->value_free(n->value);
+    free_node(n);
 }
 
 // The empty key's stand-in when keys are borrowed and the caller passed null.

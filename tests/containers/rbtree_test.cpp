@@ -351,6 +351,28 @@ TEST_F(RbtreeTest, SizeIsCountTimes28OnEveryAbi)
     qel_rbtree_destroy(t);
 }
 
+void post_order(const qel_rbtree_node *n, std::vector<uintptr_t> *out)
+{
+    if (n == nullptr)
+        return;
+    post_order(n->left, out);
+    post_order(n->right, out);
+    out->push_back(reinterpret_cast<uintptr_t>(n->value));
+}
+
+TEST_F(RbtreeTest, DestroyFreesInPostOrder)
+{
+    qel_rbtree *t = qel_rbtree_create(record_free, nullptr, 0);
+    for (uintptr_t i = 1; i <= 50; ++i) {
+        uint32_t k = __builtin_bswap32(static_cast<uint32_t>(i * 37 % 101));
+        qel_rbtree_insert(t, &k, 4, val(i));
+    }
+    std::vector<uintptr_t> want;
+    post_order(t->root, &want);
+    qel_rbtree_destroy(t);
+    EXPECT_EQ(want, g_freed);
+}
+
 TEST_F(RbtreeTest, DestroyFreesEveryValue)
 {
     qel_rbtree *t = qel_rbtree_create(record_free, nullptr, 0);
