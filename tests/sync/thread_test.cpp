@@ -136,16 +136,11 @@ TEST(Thread, StartJoinCancelAndDetachTwins)
     qel_thread_routine echo = [](void *arg) { return arg; };
     qel_thread_routine exit_current = [](void *arg) -> void * { qel_thread_exit(arg); return nullptr; };
     qel_thread_routine exit_legacy = [](void *arg) -> void * { thread_exit(arg); return nullptr; };
-    qel_thread_routine sleeper = [](void *) -> void * {
-        for (int i = 0; i < 5000; ++i)
-            qel_thread_sleep(1); // a cancellation point
-        return nullptr;
-    };
+    // Sleeps are cancellation points; the detached routine waits for its go.
+    qel_thread_routine sleeper = [](void *) -> void * { for (int i = 0; i < 5000; ++i) qel_thread_sleep(1); return 0; };
     qel_thread_routine detached = [](void *) -> void * {
-        while (!g_detached_go.load())
-            qel_thread_sleep(1);
-        g_detached_done.fetch_add(1);
-        return nullptr;
+        for (; !g_detached_go.load(); qel_thread_sleep(1)) {}
+        return reinterpret_cast<void *>(g_detached_done.fetch_add(1));
     };
     g_detached_go = false;
     g_detached_done = 0;
@@ -247,7 +242,9 @@ TEST(Thread, IdentityProcessorsYieldAndThirtyTwoBitSleeps)
 
 // ---- mutexes -------------------------------------------------------------------------
 
-TEST(Mutex, RecursiveAndTrylockReportsEbusyFromAnotherThread)
+// Recursive locks, EBUSY (the platform's number) from another thread while
+// held, and an exact counter under contention with nested locking.
+TEST(Mutex, RecursiveTrylockAndContendedCounterTwins)
 {
     struct {
         qel_result (*init)(qel_mutex **);
@@ -255,6 +252,7 @@ TEST(Mutex, RecursiveAndTrylockReportsEbusyFromAnotherThread)
         qel_result (*trylock)(qel_mutex *);
     } twins[] = {{qel_mutex_init, qel_mutex_lock, qel_mutex_unlock, qel_mutex_destroy, qel_mutex_trylock},
                  {mutex_init, mutex_lock, mutex_unlock, mutex_destroy, mutex_trylock}};
+    Watchdog wd("mutex contention", 60000);
     for (auto tw : twins) {
         qel_mutex *m = nullptr;
         ASSERT_EQ(QEL_OK, tw.init(&m));
@@ -262,9 +260,9 @@ TEST(Mutex, RecursiveAndTrylockReportsEbusyFromAnotherThread)
         tw.unlock(nullptr);
         EXPECT_EQ(QEL_E_INVALIDARG, tw.trylock(nullptr));
         tw.lock(m);
-        tw.lock(m); // recursive: no deadlock
+        tw.lock(m);
         EXPECT_EQ(QEL_OK, tw.trylock(m));
-        for (qel_result want : {16u, 0u}) { // EBUSY, the platform's number, while held
+        for (qel_result want : {16u, 0u}) { // while held, then once free
             qel_result other = QEL_E_FAIL;
             std::thread([&] {
                 if ((other = tw.trylock(m)) == QEL_OK)
@@ -274,33 +272,23 @@ TEST(Mutex, RecursiveAndTrylockReportsEbusyFromAnotherThread)
             for (int i = 0; i < 3 && want; ++i)
                 tw.unlock(m);
         }
-        tw.destroy(m);
-    }
-}
-
-TEST(Mutex, ContendedCounterStaysExact)
-{
-    qel_mutex *m = nullptr;
-    ASSERT_EQ(QEL_OK, qel_mutex_init(&m));
-    long counter = 0;
-    {
-        Watchdog wd("mutex contention", 60000);
+        long counter = 0;
         std::vector<std::thread> ts;
         for (int t = 0; t < 4; ++t)
-            ts.emplace_back([&, t] {
+            ts.emplace_back([&] {
                 for (int i = 0; i < 5000; ++i) {
-                    (t % 2 ? mutex_lock : qel_mutex_lock)(m);
+                    tw.lock(m);
                     qel_mutex_lock(m);
                     ++counter;
                     qel_mutex_unlock(m);
-                    qel_mutex_unlock(m);
+                    tw.unlock(m);
                 }
             });
         for (auto &t : ts)
             t.join();
+        EXPECT_EQ(20000, counter);
+        tw.destroy(m);
     }
-    EXPECT_EQ(20000, counter);
-    qel_mutex_destroy(m);
 }
 
 // ---- deadlines -------------------------------------------------------------------------
@@ -311,31 +299,28 @@ TEST(Deadline, ExactArithmeticOfTheThreeWaits)
     enum Kind { kSemaphore, kCond, kLegacyCond };
     const struct {
         Kind kind;
-        time_t sec;
-        long nsec;
+        struct timespec now;
         int64_t ms;
-        time_t want_sec;
-        long want_nsec;
+        struct timespec want;
     } cases[] = {
-        {kSemaphore, 1000, 0, 0, 1000, 0}, // whole wall-clock seconds
-        {kSemaphore, 1000, 0, 2500, 1002, 500000000},
-        {kSemaphore, 1000, 0, 999, 1000, 999000000},
-        {kSemaphore, 1000, 0, -1, 1000 + 31104000, 0}, // 360 days
-        {kCond, 10, 999999999, 1, 11, 999999},
-        {kCond, 10, 999999999, 2500, 13, 499999999},
-        {kCond, 10, 100, -1, 10, -999900}, // not special: the nanoseconds go negative
-        {kCond, 10, 100, -1500, 9, -499999900},
-        {kLegacyCond, 100, 999999900, 1500, 102, 499999000}, // below one microsecond dropped
-        {kLegacyCond, 100, 123456789, 0, 100, 123456000},
-        {kLegacyCond, 100, 123456789, 0xFFFFFFFF, 100 + 4294967, 418456000}, // 123456 + 295000 us: no carry
+        {kSemaphore, {1000, 0}, 0, {1000, 0}}, // whole wall-clock seconds
+        {kSemaphore, {1000, 0}, 2500, {1002, 500000000}},
+        {kSemaphore, {1000, 0}, 999, {1000, 999000000}},
+        {kSemaphore, {1000, 0}, -1, {1000 + 31104000, 0}}, // 360 days
+        {kCond, {10, 999999999}, 1, {11, 999999}},
+        {kCond, {10, 999999999}, 2500, {13, 499999999}},
+        {kCond, {10, 100}, -1, {10, -999900}}, // not special: the nanoseconds go negative
+        {kCond, {10, 100}, -1500, {9, -499999900}},
+        {kLegacyCond, {100, 999999900}, 1500, {102, 499999000}}, // below one microsecond dropped
+        {kLegacyCond, {100, 123456789}, 0, {100, 123456000}},
+        {kLegacyCond, {100, 123456789}, 0xFFFFFFFF, {100 + 4294967, 418456000}}, // 123456 + 295000 us: no carry
     };
     for (const auto &c : cases) {
-        struct timespec now = {c.sec, c.nsec};
-        struct timespec d = c.kind == kSemaphore ? semaphore_deadline(c.sec, c.ms)
-                            : c.kind == kCond    ? cond_deadline(now, c.ms)
-                                                 : legacy_cond_deadline(now, static_cast<uint32_t>(c.ms));
-        EXPECT_EQ(c.want_sec, d.tv_sec) << c.kind << " " << c.ms;
-        EXPECT_EQ(c.want_nsec, d.tv_nsec) << c.kind << " " << c.ms;
+        struct timespec d = c.kind == kSemaphore ? semaphore_deadline(c.now.tv_sec, c.ms)
+                            : c.kind == kCond    ? cond_deadline(c.now, c.ms)
+                                                 : legacy_cond_deadline(c.now, static_cast<uint32_t>(c.ms));
+        EXPECT_TRUE(d.tv_sec == c.want.tv_sec && d.tv_nsec == c.want.tv_nsec)
+            << c.kind << " " << c.ms << ": " << d.tv_sec << "." << d.tv_nsec;
     }
 }
 
@@ -358,7 +343,7 @@ TEST(Deadline, LegacyCondHasMicrosecondResolution)
 
 // ---- condition variables -----------------------------------------------------------------
 
-TEST(Cond, TimedWaitsExpireOnTheMonotonicClock)
+TEST(Cond, TimedWaitsExpireOnTheMonotonicClockSignalAndBroadcastWake)
 {
     qel_cond *c = nullptr;
     qel_mutex *m = nullptr;
@@ -380,16 +365,8 @@ TEST(Cond, TimedWaitsExpireOnTheMonotonicClock)
     qel_result neg = qel_cond_timedwait(c, m, -1);
     EXPECT_TRUE(neg == QEL_E_TIMEOUT || neg == static_cast<qel_result>(EINVAL)) << neg;
     qel_mutex_unlock(m);
-    qel_cond_destroy(c);
-    qel_mutex_destroy(m);
-}
 
-TEST(Cond, SignalAndBroadcastWakeWaiters)
-{
-    qel_cond *c = nullptr;
-    qel_mutex *m = nullptr;
-    ASSERT_EQ(QEL_OK, cond_init(&c));
-    ASSERT_EQ(QEL_OK, mutex_init(&m));
+    // Waiters on tickets: three signals, then a broadcast for the last.
     int tickets = 0, served = 0;
     Watchdog wd("condition waiters", 60000);
     std::vector<std::thread> ts;
@@ -419,7 +396,7 @@ TEST(Cond, SignalAndBroadcastWakeWaiters)
 
 // ---- semaphores ------------------------------------------------------------------------
 
-TEST(Semaphore, PostValueAndWait)
+TEST(Semaphore, PostValueAndTimedUnlimitedAndInterruptedWaits)
 {
     EXPECT_EQ(QEL_E_FAIL, qel_semaphore_post(nullptr, 1));
     EXPECT_EQ(-1, qel_semaphore_value(nullptr));
@@ -438,21 +415,11 @@ TEST(Semaphore, PostValueAndWait)
     EXPECT_EQ(QEL_E_TIMEOUT, qel_semaphore_wait(s, 1)); // second + 1 ms: past, or 1 ms away
     EXPECT_LT(qel_time_get_tick_cout() - t0, 1500u);
     EXPECT_EQ(0, qel_semaphore_value(s));
-    qel_semaphore_destroy(s);
-}
 
-void ignore_signal(int) {}
-
-// An unlimited wait ends with a post; a signal ends it as a time-out.
-TEST(Semaphore, UnlimitedWaitEndsByAPostOrTimesOutOnASignal)
-{
-    struct sigaction sa, old;
-    memset(&sa, 0, sizeof sa);
-    sa.sa_handler = ignore_signal;
-    sigemptyset(&sa.sa_mask);
+    // An unlimited wait ends with a post; a signal ends it as a time-out.
+    struct sigaction sa = {}, old;
+    sa.sa_handler = [](int) {}; // no SA_RESTART
     ASSERT_EQ(0, sigaction(SIGUSR2, &sa, &old));
-    qel_semaphore *s = qel_semaphore_init(0);
-    ASSERT_NE(nullptr, s);
     Watchdog wd("semaphore wait", 60000);
     for (bool by_signal : {false, true}) {
         std::atomic<bool> done{false};
@@ -607,13 +574,9 @@ TEST(Tls, ValuesArePerThreadAndFailuresSetErrno)
     qel_tls *k = qel_tls_alloc();
     ASSERT_NE(nullptr, k);
     void *v = reinterpret_cast<void *>(1);
-    auto einval = [](int r) { return r == 0 && errno == EINVAL; };
-    errno = 0;
-    EXPECT_TRUE(einval(qel_tls_get(k, nullptr)));
-    errno = 0;
-    EXPECT_TRUE(einval(qel_tls_get(nullptr, &v)));
-    errno = 0;
-    EXPECT_TRUE(einval(qel_tls_set(nullptr, v)));
+    auto einval = [](auto call) { return (errno = 0, call()) == 0 && errno == EINVAL; };
+    EXPECT_TRUE(einval([&] { return qel_tls_get(k, nullptr); }) && einval([&] { return qel_tls_get(nullptr, &v); }) &&
+                einval([&] { return qel_tls_set(nullptr, v); }));
     EXPECT_EQ(1, qel_tls_get(k, &v));
     EXPECT_EQ(nullptr, v);
     EXPECT_EQ(1, qel_tls_set(k, reinterpret_cast<void *>(0x10)));
@@ -654,8 +617,7 @@ int run_init(void *ctx, void *arg)
 TEST(Once, SucceedsOnceFailsForeverAndLosersPoll)
 {
     volatile int32_t word = 0, failed = 0, no_init = 0;
-    OnceCtx ctx, bad;
-    bad.result = 0;
+    OnceCtx ctx, bad{{0}, 0};
     void *arg = reinterpret_cast<void *>(0x77);
     EXPECT_EQ(0, qel_singleton_once(nullptr, &ctx, run_init, arg));
     EXPECT_EQ(0, qel_singleton_once(&word, nullptr, run_init, arg));
@@ -687,9 +649,7 @@ TEST(Once, RacedGateRunsTheInitialiserOnce)
     Watchdog wd("raced once", 120000);
     for (int round = 0; round < 6; ++round) {
         volatile int32_t word = 0;
-        OnceCtx ctx;
-        ctx.result = round % 2;
-        ctx.delay_ms = 20;
+        OnceCtx ctx{{0}, round % 2, 20};
         std::atomic<int> ones{0};
         void *arg = reinterpret_cast<void *>(0x77);
         std::vector<std::thread> ts;
