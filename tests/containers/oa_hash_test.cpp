@@ -6,6 +6,7 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <tuple>
 #include <unordered_map>
 #include <vector>
 
@@ -124,15 +125,13 @@ TEST_F(OaHash, CreateAndInvalidArguments)
     EXPECT_EQ(0u, qel_oa_hash_count(t));
     for (uint32_t i = 0; i < 8; ++i)
         EXPECT_TRUE(t->slots[i].psl == 0 && t->values[i] == nullptr) << i;
-    EXPECT_EQ(-1, qel_oa_hash_insert(nullptr, "a", 1, nullptr));
-    EXPECT_EQ(-1, qel_oa_hash_insert(t, nullptr, 1, nullptr));
-    EXPECT_EQ(-1, qel_oa_hash_insert(t, "a", 0, nullptr));
-    EXPECT_EQ(-1, qel_oa_hash_search(nullptr, "a", 1, nullptr));
-    EXPECT_EQ(-1, qel_oa_hash_search(t, nullptr, 1, nullptr));
-    EXPECT_EQ(-1, qel_oa_hash_search(t, "a", 0, nullptr));
-    EXPECT_EQ(-1, qel_oa_hash_delete(nullptr, "a", 1));
-    EXPECT_EQ(-1, qel_oa_hash_delete(t, nullptr, 1));
-    EXPECT_EQ(-1, qel_oa_hash_delete(t, "a", 0));
+    // A null table, a null key, an empty key.
+    for (auto [table, key, len] :
+         {std::tuple<qel_oa_hash *, const char *, uint32_t>{nullptr, "a", 1}, {t, nullptr, 1}, {t, "a", 0}}) {
+        EXPECT_EQ(-1, qel_oa_hash_insert(table, key, len, nullptr));
+        EXPECT_EQ(-1, qel_oa_hash_search(table, key, len, nullptr));
+        EXPECT_EQ(-1, qel_oa_hash_delete(table, key, len));
+    }
     EXPECT_EQ(0u, qel_oa_hash_count(t));
     EXPECT_EQ(0u, qel_oa_hash_size(nullptr) + qel_oa_hash_count(nullptr));
     qel_oa_hash_clear(nullptr);
@@ -236,7 +235,9 @@ TEST_F(OaHash, PslHistogramStopsBeforeTheLargestPsl)
 
 TEST_F(OaHash, KeyBlockAndGrowthAllocationFailuresAreFatal)
 {
-    auto oom = [](long skip, const std::function<void()> &op) { qeltest::expect_fatal_oom(skip, "oa_hash", "Out", op); };
+    auto oom = [](long skip, const std::function<void()> &op) {
+        qeltest::expect_fatal_oom(skip, "oa_hash", "Out", op);
+    };
     qel_oa_hash *t = qel_oa_hash_create(nullptr);
     oom(0, [&] { ins(t, "k", 0); }); // key block
     oom(0, [&] { ins(t, std::string(40, 'k'), 0); });

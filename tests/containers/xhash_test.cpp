@@ -184,24 +184,21 @@ TEST_P(Xhash, KeysAreCopiedOnceOrBorrowedNewest)
 
 TEST_P(Xhash, NullArgumentsFailWithoutEffect)
 {
-    EXPECT_EQ(-1, X(search)(nullptr, "a", 1, nullptr));
-    EXPECT_EQ(-1, X(delete)(nullptr, "a", 1));
-    EXPECT_EQ(-1, X(walk)(nullptr, nullptr, collect));
-    EXPECT_EQ(0u, X(count)(nullptr));
+    qel_xhash *t = X(create)(nullptr, nullptr);
+    for (auto [table, key] : {std::pair<qel_xhash *, const char *>{nullptr, "abc"}, {t, nullptr}}) {
+        X(insert)(table, key, 3, val(1));
+        EXPECT_EQ(-1, X(search)(table, key, 3, nullptr));
+        EXPECT_EQ(-1, X(delete)(table, key, 3));
+        EXPECT_EQ(-1, X(walk)(table, nullptr, table == nullptr ? collect : nullptr));
+        EXPECT_EQ(0u, X(count)(table));
+    }
     EXPECT_EQ(0u, X(slotcount)(nullptr));
-    X(insert)(nullptr, "a", 1, nullptr);
     X(clear)(nullptr);
     X(destroy)(nullptr);
     X(cookie_destroy)(nullptr);
     X(cookie_set_percent)(nullptr, 0.5f);
     uint32_t counters[4] = {};
     X(slotinfo)(nullptr, counters, 4);
-    qel_xhash *t = X(create)(nullptr, nullptr);
-    X(insert)(t, nullptr, 3, val(1));
-    EXPECT_EQ(0u, X(count)(t));
-    EXPECT_EQ(-1, X(search)(t, nullptr, 3, nullptr));
-    EXPECT_EQ(-1, X(delete)(t, nullptr, 3));
-    EXPECT_EQ(-1, X(walk)(t, nullptr, nullptr));
     qel_xhash_cookie *c = X(cookie_create)(0.5f);
     X(walk_partial)(t, c, nullptr, nullptr);
     X(walk_partial)(nullptr, c, nullptr, collect);
@@ -225,7 +222,7 @@ TEST_P(Xhash, WalkStopsOnRequestAndToleratesDeletingTheVisitedEntry)
     qel_xhash *t = X(create)(count_free, constant_hash); // one long chain
     for (uintptr_t i = 1; i <= 10; ++i)
         X(insert)(t, &i, sizeof i, val(i));
-    auto stop_at_third = [](const void *, uint32_t, void *, void *ctx) { return ++*static_cast<int *>(ctx) == 3 ? 1 : 0; };
+    auto stop_at_third = [](const void *, uint32_t, void *, void *ctx) -> int { return ++*static_cast<int *>(ctx) == 3; };
     int calls = 0;
     EXPECT_EQ(1, X(walk)(t, &calls, stop_at_third));
     EXPECT_EQ(3, calls);
@@ -309,7 +306,8 @@ TEST_P(Xhash, UnreachableGrowthGuardReportsAndLeavesTable)
         X(insert)(t, &k, sizeof k, nullptr);
         k = 2;
         X(insert)(t, &k, sizeof k, nullptr);
-        return t->nslot == 32768 && t->maxn == 2 && X(count)(t) == 2 && X(search)(t, &k, sizeof k, nullptr) == 0 ? 0 : 1;
+        bool found = X(search)(t, &k, sizeof k, nullptr) == 0;
+        return t->nslot == 32768 && t->maxn == 2 && X(count)(t) == 2 && found ? 0 : 1;
     });
     ASSERT_TRUE(r.exited) << r.output;
     EXPECT_EQ(0, r.status) << r.output;
@@ -400,7 +398,7 @@ TEST_P(XhashDifferential, MatchesUnorderedMap)
                 ASSERT_EQ(1, g_freed[it->second]) << op;
                 model.erase(it);
             }
-        } else if (dice < 99) { // full walk, a sweep of partial walks, slotinfo (rarer on big tables)
+        } else if (dice < 99) { // full walk and a sweep of partial walks (rarer on big tables)
             if (model.size() > 1000 && !rng.chance(1))
                 continue;
             std::vector<Entry> order = walk_all(legacy, t);
@@ -416,15 +414,6 @@ TEST_P(XhashDifferential, MatchesUnorderedMap)
                 X(walk_partial)(t, ck, &partial, collect);
             ASSERT_EQ(order, partial) << op;
             X(cookie_destroy)(ck);
-            std::vector<uint32_t> hist(c.universe + 2);
-            X(slotinfo)(t, hist.data(), static_cast<uint32_t>(hist.size()));
-            uint32_t slots = 0, entries = 0;
-            for (uint32_t l = 0; l < hist.size(); ++l) {
-                slots += hist[l];
-                entries += l * hist[l];
-            }
-            ASSERT_EQ(t->nslot, slots) << op;
-            ASSERT_EQ(model.size(), entries) << op;
         } else if (rng.chance(20)) { // clear, rarely
             expected_frees += static_cast<int>(model.size());
             cleared += static_cast<uint32_t>(model.size());
