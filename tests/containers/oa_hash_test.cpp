@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <map>
 #include <string>
 #include <tuple>
 #include <unordered_map>
@@ -123,8 +122,6 @@ TEST_F(OaHash, CreateAndInvalidArguments)
     ASSERT_NE(nullptr, t);
     EXPECT_EQ(8u, qel_oa_hash_size(t));
     EXPECT_EQ(0u, qel_oa_hash_count(t));
-    for (uint32_t i = 0; i < 8; ++i)
-        EXPECT_TRUE(t->slots[i].psl == 0 && t->values[i] == nullptr) << i;
     // A null table, a null key, an empty key.
     for (auto [table, key, len] :
          {std::tuple<qel_oa_hash *, const char *, uint32_t>{nullptr, "a", 1}, {t, nullptr, 1}, {t, "a", 0}}) {
@@ -210,25 +207,16 @@ TEST_F(OaHash, ClearReleasesKeysAndValuesButKeepsPslAndHash)
 
 TEST_F(OaHash, PslHistogramStopsBeforeTheLargestPsl)
 {
+    // Three keys homed at 5 (PSLs 1, 2, 3) and three alone at 14, 15 and 0, in 16 slots.
     qel_oa_hash *t = qel_oa_hash_create(nullptr);
-    for (const std::string &k : keys_with_home(16, 5, 3))
-        ins(t, k, 0);
-    for (const char *k : {"x1", "x2", "x3"})
+    for (const char *k : {"k5", "k14", "k23", "x1", "x2", "x3"})
         ins(t, k, 0);
     ASSERT_EQ(16u, t->capacity);
-    std::map<uint32_t, unsigned> hist;
-    for (uint32_t i = 0; i < t->capacity; ++i)
-        hist[t->slots[i].psl]++;
-    uint32_t max = hist.rbegin()->first;
-    ASSERT_GE(max, 3u);
-    std::string want;
-    for (uint32_t p = 0; p < max; ++p)
-        want += "PSL " + std::to_string(p) + ": " + std::to_string(hist[p]) + "\n";
     qel_oa_hash *empty = qel_oa_hash_create(nullptr);
     for (qel_oa_hash *h : {t, empty}) { // an empty table prints nothing: its largest PSL is 0
         qeltest::ChildResult r = qeltest::run_in_child([h] { return qel_oa_hash_psl_dbg(h), 0; });
         ASSERT_TRUE(r.exited);
-        EXPECT_EQ(h == t ? want : "", r.output);
+        EXPECT_EQ(h == t ? "PSL 0: 10\nPSL 1: 4\nPSL 2: 1\n" : "", r.output);
         qel_oa_hash_destroy(h);
     }
 }
