@@ -1,5 +1,4 @@
-// Helpers shared by the hash table tests: a byte-at-a-time reference of the
-// x33 hash, value-free bookkeeping, and the scale of random runs.
+// Helpers shared by the hash table tests.
 #ifndef MORBASE_HASH_TEST_UTIL_H
 #define MORBASE_HASH_TEST_UTIL_H
 
@@ -8,6 +7,7 @@
 #include <map>
 #include <regex>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -47,14 +47,29 @@ inline void reset_frees()
     g_free_total = 0;
 }
 
-inline void *as_value(uintptr_t v)
+inline void *val(uintptr_t v)
 {
     return reinterpret_cast<void *>(v);
 }
 
+// n keys: random bytes from `lo` of length min_len to 40, and prefixes of
+// earlier keys (keys that differ only in length).
+inline std::vector<std::string> random_keys(Rng &rng, size_t n, size_t min_len, unsigned char lo)
+{
+    std::vector<std::string> keys;
+    while (keys.size() < n) {
+        const std::string &base = keys.empty() ? "" : keys[rng.range(0, keys.size() - 1)];
+        if (base.size() > min_len && rng.chance(30))
+            keys.push_back(base.substr(0, rng.range(min_len, base.size() - 1)));
+        else
+            keys.push_back(rng.bytes(rng.range(min_len, 40), rng.chance(50) ? 'a' : lo, rng.chance(50) ? 'd' : 255));
+    }
+    return keys;
+}
+
 // Runs op in a child whose funnel lets `skip` allocations through and fails the
 // next, with the log going to standard error; expects exit status 0 and
-// exactly one line matching the out-of-memory format for `module_regex`
+// exactly one line of the out-of-memory format for `module_regex`
 // ("out" or "Out" as `word`).
 inline void expect_fatal_oom(long skip, const std::string &module_regex, const char *word,
                              const std::function<void()> &op)
