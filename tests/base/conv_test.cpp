@@ -60,11 +60,7 @@ TEST(Conv, ChecksOnTheDeliberateCases)
     for (unsigned b = 0; b < 256; ++b)
         EXPECT_EQ(oracle::text_class(b), qel::detail::text_class(static_cast<unsigned char>(b))) << b;
     const std::string run(100, 'a');
-    const struct {
-        int (*check)(const void *, size_t);
-        std::string text;
-        int want;
-    } cases[] = {
+    const struct { int (*check)(const void *, size_t); std::string text; int want; } cases[] = {
         {qel_str_is_ascii, "", 1},         {qel_str_is_ascii, bytes({'a', 0, 'b'}), 0}, // a terminator inside
         {qel_str_is_ascii, "\x85", 0},     // class 1, but above 0x7F
         {qel_str_is_utf8, "hello", 0},     // pure ASCII is not reported as UTF-8
@@ -175,11 +171,7 @@ TEST(Conv, ConversionsPairWideStorageWithUcs2)
     // Each 4-byte wide character is read as two UCS-2 units (L"AB" is A, 0, B, 0;
     // U+1F600 is F600, 0001); a unit in the surrogate range does not convert;
     // output that does not fit fails and keeps what was written.
-    const struct {
-        const wchar_t *in;
-        size_t size;
-        Converted want;
-    } to_utf8[] = {
+    const struct { const wchar_t *in; size_t size; Converted want; } to_utf8[] = {
         {L"AB", 8, {0, bytes({'A', 0, 'B', 0, 0, 0, 0, 0})}},
         {L"\U0001F600", 6, {0, bytes({0xEF, 0x98, 0x80, 0x01, 0, 0})}},
         {L"a\xD800", 4, {-1, bytes({'a', 0, 0, 0})}},
@@ -189,12 +181,7 @@ TEST(Conv, ConversionsPairWideStorageWithUcs2)
         EXPECT_EQ(c.want, ours_to_utf8(c.in, c.size)) << testing::PrintToString(c.in);
         EXPECT_EQ(c.want, oracle::wide_to_utf8(c.in, c.size)) << testing::PrintToString(c.in);
     }
-    const struct {
-        const char *in;
-        size_t count;
-        int rc;
-        std::vector<wchar_t> want;
-    } to_wide[] = {
+    const struct { const char *in; size_t count; int rc; std::vector<wchar_t> want; } to_wide[] = {
         {"AB", 2, 0, {0x00420041, 0}},   {"\xc3\xa9", 2, 0, {0xE9, 0}}, {"abc", 2, 0, {0x00620061, 0x63}},
         {"abc", 1, -1, {0x00620061}},    {"\xf0\x9f\x98\x80", 1, -1, {}}, // beyond UCS-2
         {"ab\xc3", 2, -1, {}},           {"\xff", 1, -1, {}},              // incomplete, invalid
@@ -203,18 +190,15 @@ TEST(Conv, ConversionsPairWideStorageWithUcs2)
         Converted got = ours_to_wide(c.in, c.count);
         EXPECT_EQ(c.rc, got.rc) << c.in;
         EXPECT_EQ(got, oracle::utf8_to_wide(c.in, c.count)) << c.in;
-        if (!c.want.empty())
+        if (!c.want.empty()) {
             EXPECT_EQ(std::string(reinterpret_cast<const char *>(c.want.data()), c.count * 4), got.out) << c.in;
+        }
     }
 
     // The allocating forms: wcslen * 4 + 1 bytes, which six-byte characters overflow.
-    const struct {
-        const wchar_t *in;
-        std::string want; // empty: null result
-    } alloc[] = {{L"\u00e9t\u00e9", bytes({0xC3, 0xA9, 0, 't', 0, 0xC3, 0xA9, 0, 0})},
-                 {L"\u20ac\u20ac", bytes({0xE2, 0x82, 0xAC, 0, 0xE2, 0x82, 0xAC, 0, 0})},
-                 {L"\x20AC20AC\x20AC20AC", ""},
-                 {L"", std::string(1, '\0')}};
+    const struct { const wchar_t *in; std::string want; } alloc[] = { // want empty: a null result
+        {L"\u00e9t\u00e9", bytes({0xC3, 0xA9, 0, 't', 0, 0xC3, 0xA9, 0, 0})}, {L"\x20AC20AC\x20AC20AC", ""},
+        {L"\u20ac\u20ac", bytes({0xE2, 0x82, 0xAC, 0, 0xE2, 0x82, 0xAC, 0, 0})}, {L"", std::string(1, '\0')}};
     for (const auto &c : alloc) {
         char *s = qel_str_unicode_to_utf8(c.in);
         EXPECT_EQ(c.want, s ? std::string(s, c.want.size()) : "") << testing::PrintToString(c.in);

@@ -130,22 +130,18 @@ TEST(Str, MemoryMembersMatchTheirModels)
 
 TEST(Str, LengthsDuplicatesAndCopiesNarrowAndWide)
 {
-    EXPECT_EQ(3u, qel_strlen("abc"));
-    EXPECT_EQ(2u, qel_strnlen("abc", 2));
-    EXPECT_EQ(3u, qel_strnlen("abc", 10));
-    EXPECT_EQ(3u, qel_wcslen(L"abc"));
-    EXPECT_EQ(2u, qel_wcsnlen(L"abc", 2));
-    EXPECT_EQ(3u, qel_wcsnlen(L"abc", 9));
-    const struct {
-        const char *src;
-        size_t n;
-        const char *want; // of qel_strndup, and qel_wcsndup on the widened text
-    } dups[] = {{"hello", 3, "hel"}, {"hi", 10, "hi"}, {"hi", 0, ""}, {"hello", SIZE_MAX, "hello"}};
+    // The n-bounded lengths and duplicates (the unbounded ones for n SIZE_MAX) of the text and its widening.
+    const struct { const char *src; size_t n; const char *want; } dups[] = {
+        {"hello", 3, "hel"}, {"hi", 10, "hi"}, {"hi", 0, ""}, {"hello", SIZE_MAX, "hello"}};
     for (const auto &d : dups) {
         char *s = d.n == SIZE_MAX ? qel_strdup(d.src) : qel_strndup(d.src, d.n);
         std::wstring wsrc(d.src, d.src + strlen(d.src)), wwant(d.want, d.want + strlen(d.want));
         wchar_t *w = d.n == SIZE_MAX ? qel_wcsdup(wsrc.c_str()) : qel_wcsndup(wsrc.c_str(), d.n);
         ASSERT_TRUE(s && w) << d.src << " " << d.n;
+        EXPECT_EQ(strlen(d.src), qel_strlen(d.src));
+        EXPECT_EQ(wsrc.size(), qel_wcslen(wsrc.c_str()));
+        EXPECT_EQ(strlen(d.want), qel_strnlen(d.src, d.n));
+        EXPECT_EQ(wwant.size(), qel_wcsnlen(wsrc.c_str(), d.n));
         EXPECT_STREQ(d.want, s);
         EXPECT_STREQ(wwant.c_str(), w);
         free(s);
@@ -174,15 +170,10 @@ TEST(Str, LengthsDuplicatesAndCopiesNarrowAndWide)
 
     // qel_strlcpy returns the source length and terminates; qel_wcslcpy copies
     // min(len + 1, size) units (no terminator when truncated) and returns min(len, size).
-    const struct {
-        const char *src;
-        size_t size, ret, wret;
-        const char *narrow, *wide;
-    } lcpy[] = {{"abcdef", 4, 6, 4, "abc\0xxxx", "abcdxxxx"},
-                {"abc", 4, 3, 3, "abc\0xxxx", "abc\0xxxx"},
-                {"abc", 3, 3, 3, "ab\0xxxxx", "abcxxxxx"},
-                {"abc", 1, 3, 1, "\0xxxxxxx", "axxxxxxx"},
-                {"ab", 8, 2, 2, "ab\0xxxxx", "ab\0xxxxx"}};
+    const struct { const char *src; size_t size, ret, wret; const char *narrow, *wide; } lcpy[] = {
+        {"abcdef", 4, 6, 4, "abc\0xxxx", "abcdxxxx"}, {"abc", 4, 3, 3, "abc\0xxxx", "abc\0xxxx"},
+        {"abc", 3, 3, 3, "ab\0xxxxx", "abcxxxxx"},    {"abc", 1, 3, 1, "\0xxxxxxx", "axxxxxxx"},
+        {"ab", 8, 2, 2, "ab\0xxxxx", "ab\0xxxxx"}};
     for (const auto &c : lcpy) {
         fresh();
         std::wstring wsrc(c.src, c.src + strlen(c.src));

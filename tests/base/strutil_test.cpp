@@ -56,12 +56,8 @@ TEST(Strutil, CopyAndPrintReportWhatTheyStored)
     EXPECT_EQ('x', buf[0]);
     EXPECT_EQ(6u, qel_str_strlcpy(buf, "abcdef", 4));
     EXPECT_STREQ("abc", buf);
-    const struct {
-        size_t size;
-        const char *text; // printed through "%s"
-        int ret;
-        const char *stored;
-    } prints[] = {{4, "12345", 3, "123"}, {16, "12345", 5, "12345"}, {4, "abc", 3, "abc"}, {1, "1", 0, ""}};
+    const struct { size_t size; const char *text; int ret; const char *stored; } prints[] = { // text through "%s"
+        {4, "12345", 3, "123"}, {16, "12345", 5, "12345"}, {4, "abc", 3, "abc"}, {1, "1", 0, ""}};
     for (const auto &p : prints) {
         EXPECT_EQ(p.ret, qel_str_snprintf(buf, p.size, "%s", p.text)) << p.text << " " << p.size;
         EXPECT_STREQ(p.stored, buf);
@@ -135,14 +131,8 @@ TEST(Strutil, FindMatchesTheFailureTableSearchAndMemmem)
 
 TEST(Strutil, ReplaceQuirks)
 {
-    const struct {
-        const char *text;
-        int cap;
-        const char *from, *to;
-        int all;
-        long ret; // offset of the result, -1 for null
-        const char *after;
-    } cases[] = {
+    // ret: the offset of the result, -1 for null.
+    const struct { const char *text; int cap; const char *from, *to; int all; long ret; const char *after; } cases[] = {
         {"xax", 6, "x", "yy", 1, 0, "yyayy"},
         {"xax", 5, "x", "yy", 1, 0, "yyax"}, // room ran out part-way
         {"xax", 4, "x", "yy", 1, -1, "xax"}, // the first did not fit
@@ -188,12 +178,7 @@ TEST(Strutil, ReplaceMatchesItsModel)
 TEST(Strutil, ValidatorQuirks)
 {
     const std::string a66(66, 'a'), a67(67, 'a');
-    const struct {
-        qel_result (*check)(const char *, size_t);
-        const char *s;
-        size_t maxlen;
-        bool ok;
-    } cases[] = {
+    const struct { qel_result (*check)(const char *, size_t); const char *s; size_t maxlen; bool ok; } cases[] = {
         {qel_string_check_integer, "", 10, true},     {qel_string_check_integer, "-1", 0, true},
         {qel_string_check_integer, "12x", 2, true},   {qel_string_check_integer, nullptr, 5, false},
         {qel_string_check_hex_integer, "DeadBeef09", 20, true}, {qel_string_check_hex_integer, "0x1f", 20, false},
