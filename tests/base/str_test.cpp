@@ -148,40 +148,33 @@ TEST(Str, LengthsDuplicatesAndCopiesNarrowAndWide)
         free(w);
     }
 
-    // Exact layouts of an 8-unit buffer that started as all 'x'.
-    char b[8];
-    wchar_t w[8];
-    auto fresh = [&] { memset(b, 'x', 8), wmemset(w, L'x', 8); };
-    auto layout = [&] { return std::string(b, 8); };
-    auto wlayout = [&] { return std::string(w, w + 8); }; // each unit narrowed
-    fresh();
-    EXPECT_EQ(b, qel_strcpy(b, "abc"));
-    EXPECT_EQ(std::string("abc\0xxxx", 8), layout());
-    fresh();
-    EXPECT_EQ(b, qel_strncpy(b, "ab", 5)); // pads with zeros
-    EXPECT_EQ(w, qel_wcsncpy(w, L"ab", 5));
-    EXPECT_EQ(std::string("ab\0\0\0xxx", 8), layout());
-    EXPECT_EQ(layout(), wlayout());
-    fresh();
-    qel_strncpy(b, "abcdef", 3); // unterminated
-    qel_wcsncpy(w, L"abcdef", 3);
-    EXPECT_EQ("abcxxxxx", layout());
-    EXPECT_EQ(layout(), wlayout());
-
-    // qel_strlcpy returns the source length and terminates; qel_wcslcpy copies
-    // min(len + 1, size) units (no terminator when truncated) and returns min(len, size).
-    const struct { const char *src; size_t size, ret, wret; const char *narrow, *wide; } lcpy[] = {
-        {"abcdef", 4, 6, 4, "abc\0xxxx", "abcdxxxx"}, {"abc", 4, 3, 3, "abc\0xxxx", "abc\0xxxx"},
-        {"abc", 3, 3, 3, "ab\0xxxxx", "abcxxxxx"},    {"abc", 1, 3, 1, "\0xxxxxxx", "axxxxxxx"},
-        {"ab", 8, 2, 2, "ab\0xxxxx", "ab\0xxxxx"}};
-    for (const auto &c : lcpy) {
-        fresh();
+    // Exact layouts of an 8-unit buffer that started as all 'x'. qel_strncpy and
+    // qel_wcsncpy (ret 0: they return dst) pad with zeros and leave a truncated
+    // copy unterminated. qel_strlcpy returns the source length and terminates;
+    // qel_wcslcpy copies min(len + 1, size) units and returns min(len, size).
+    const struct { bool lcpy; const char *src; size_t size, ret, wret; const char *narrow, *wide; } copies[] = {
+        {false, "ab", 5, 0, 0, "ab\0\0\0xxx", "ab\0\0\0xxx"}, {false, "abcdef", 3, 0, 0, "abcxxxxx", "abcxxxxx"},
+        {true, "abcdef", 4, 6, 4, "abc\0xxxx", "abcdxxxx"},    {true, "abc", 4, 3, 3, "abc\0xxxx", "abc\0xxxx"},
+        {true, "abc", 3, 3, 3, "ab\0xxxxx", "abcxxxxx"},       {true, "abc", 1, 3, 1, "\0xxxxxxx", "axxxxxxx"},
+        {true, "ab", 8, 2, 2, "ab\0xxxxx", "ab\0xxxxx"}};
+    for (const auto &c : copies) {
+        char b[8];
+        wchar_t w[8];
+        memset(b, 'x', 8), wmemset(w, L'x', 8);
         std::wstring wsrc(c.src, c.src + strlen(c.src));
-        EXPECT_EQ(c.ret, qel_strlcpy(b, c.src, c.size)) << c.src << " " << c.size;
-        EXPECT_EQ(c.wret, qel_wcslcpy(w, wsrc.c_str(), c.size)) << c.src << " " << c.size;
-        EXPECT_EQ(std::string(c.narrow, 8), layout()) << c.src << " " << c.size;
-        EXPECT_EQ(std::string(c.wide, 8), wlayout()) << c.src << " " << c.size;
+        if (c.lcpy) {
+            EXPECT_EQ(c.ret, qel_strlcpy(b, c.src, c.size)) << c.src << " " << c.size;
+            EXPECT_EQ(c.wret, qel_wcslcpy(w, wsrc.c_str(), c.size)) << c.src << " " << c.size;
+        } else {
+            EXPECT_EQ(b, qel_strncpy(b, c.src, c.size));
+            EXPECT_EQ(w, qel_wcsncpy(w, wsrc.c_str(), c.size));
+        }
+        EXPECT_EQ(std::string(c.narrow, 8), std::string(b, 8)) << c.src << " " << c.size;
+        EXPECT_EQ(std::string(c.wide, 8), std::string(w, w + 8)) << c.src << " " << c.size; // units narrowed
     }
+    char b[8] = "xxxxxxx";
+    EXPECT_EQ(b, qel_strcpy(b, "abc"));
+    EXPECT_EQ(std::string("abc\0xxx\0", 8), std::string(b, 8));
     wchar_t self[4] = L"abc";
     EXPECT_EQ(3u, qel_wcslcpy(self, self, 2)); // same pointer: its length, nothing copied
     EXPECT_STREQ(L"abc", self);
