@@ -4,6 +4,7 @@
 #include <qel_mem.h>
 #include <stdio.h>
 #include <string.h>
+#include "host_check.h"
 
 static char last[256];
 static unsigned last_level = 99;
@@ -16,13 +17,6 @@ static void sink(unsigned int level, const char *format, va_list args)
     ++calls;
 }
 
-#define CHECK(c)                                                                                   \
-    do {                                                                                           \
-        if (!(c)) {                                                                                \
-            fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #c);                                \
-            return 1;                                                                              \
-        }                                                                                          \
-    } while (0)
 
 int main(void)
 {

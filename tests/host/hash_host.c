@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "morbase.h"
+#include "host_check.h"
 
 static int g_frees;
 
@@ -22,13 +23,6 @@ static int sum_lengths(const void *key, uint32_t key_len, void *value, void *con
     return 0;
 }
 
-#define CHECK(cond)                                                                                \
-    do {                                                                                           \
-        if (!(cond)) {                                                                             \
-            fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #cond);                             \
-            return 1;                                                                              \
-        }                                                                                          \
-    } while (0)
 
 int main(void)
 {

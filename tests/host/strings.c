@@ -7,14 +7,8 @@
 #include <stdlib.h>
 #include <string.h>
 #include <wchar.h>
+#include "host_check.h"
 
-#define CHECK(cond)                                                                                \
-    do {                                                                                           \
-        if (!(cond)) {                                                                             \
-            fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #cond);                             \
-            return 1;                                                                              \
-        }                                                                                          \
-    } while (0)
 
 int main(void)
 {

@@ -9,14 +9,8 @@
 #include "qel_rwlock.h"
 #include "qel_thread.h"
 #include "qel_time.h"
+#include "host_check.h"
 
-#define CHECK(c)                                                                                   \
-    do {                                                                                           \
-        if (!(c)) {                                                                                \
-            fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #c);                              \
-            return 1;                                                                              \
-        }                                                                                          \
-    } while (0)
 
 int main(void)
 {

@@ -6,13 +6,13 @@
 
 #include "qel_cmd.h"
 #include "qel_xmsg.h"
+#include "host_check.h"
 
 static const unsigned char agent[44] = {
     'X', 'M', 'S', 'G', 0x94, 0x6F, 0x48, 0xA5, 1, 0, 0, 0, 28, 0, 0, 0,
     0, 0, 0, 0, 6, 0, 0, 0, 7, 0, 0, 2,
     'c', 'r', 'e', 'a', 't', 'o', 'r', 'a', 'g', 'e', 'n', 't', 0, 0, 0, 0};
 
-#define CHECK(c) do { if (!(c)) { fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #c); return 1; } } while (0)
 
 int main(void)
 {
