@@ -15,8 +15,6 @@
 
 namespace {
 
-constexpr int kThreadedMs = 1500; // run time of the threaded test
-
 // The index ring has data_size / 4 entries; a record is its 4-byte length,
 // then its payload. (The rule that a record fits only when length + 4 is
 // below the free space is checked by the model run.)
@@ -138,45 +136,40 @@ int32_t fill_record(uint32_t seq, unsigned char *out)
     return len;
 }
 
-// One producer and one consumer thread, both backing off by yielding; every
-// record is checked for order, length and content. The consumer pops into a
-// buffer larger than any record, so a wrong length shows as wrong bytes.
+// A producer thread pushes for 1.5 s while the consumer (this thread) pops;
+// both back off by yielding. Every record is checked for order, length and
+// content; the consumer pops into a buffer larger than any record, so a wrong
+// length shows as wrong bytes.
 TEST(Fifo, OneProducerOneConsumerThreadKeepEveryRecord)
 {
     qel_fifo *f = qel_fifo_init(4096 + 7);
     ASSERT_NE(nullptr, f);
-    std::atomic<bool> stop{false}, producer_done{false};
-    std::atomic<uint32_t> pushed{0}, bad{0};
-    uint32_t popped = 0;
+    std::atomic<uint32_t> pushed{0};
+    std::atomic<bool> done{false};
     std::thread producer([&] {
         unsigned char rec[512];
         uint32_t seq = 0;
-        while (!stop.load(std::memory_order_relaxed)) {
+        for (int64_t end = qeltest::now_ms() + 1500; qeltest::now_ms() < end;) {
             if (qel_fifo_push(f, rec, fill_record(seq, rec)) == 0)
                 ++seq;
             else
                 std::this_thread::yield();
         }
         pushed.store(seq);
-        producer_done.store(true);
+        done.store(true);
     });
-    std::thread consumer([&] {
-        unsigned char want[512], got[512];
-        for (;;) {
-            if (qel_fifo_pop(f, got, sizeof got) == 0) {
-                bad.fetch_add(memcmp(want, got, static_cast<size_t>(fill_record(popped++, want))) != 0);
-            } else if (producer_done.load() && popped >= pushed.load()) {
-                break;
-            } else {
-                std::this_thread::yield();
-            }
-        }
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(kThreadedMs));
-    stop.store(true);
+    unsigned char want[512], got[512];
+    uint32_t popped = 0, bad = 0;
+    for (;;) {
+        if (qel_fifo_pop(f, got, sizeof got) == 0)
+            bad += memcmp(want, got, static_cast<size_t>(fill_record(popped++, want))) != 0;
+        else if (done.load() && popped >= pushed.load())
+            break;
+        else
+            std::this_thread::yield();
+    }
     producer.join();
-    consumer.join();
-    EXPECT_EQ(0u, bad.load());
+    EXPECT_EQ(0u, bad);
     EXPECT_EQ(pushed.load(), popped);
     EXPECT_GT(popped, 100u);
     EXPECT_EQ(0, qel_fifo_saved_element(f));
