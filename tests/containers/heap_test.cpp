@@ -15,8 +15,7 @@ namespace {
 void *val(uintptr_t v) { return reinterpret_cast<void *>(v); }
 
 struct Item {
-    int key;
-    int id;
+    int key, id;
 };
 
 int32_t by_key(void *a, void *b) { return static_cast<Item *>(a)->key - static_cast<Item *>(b)->key; }
@@ -32,23 +31,20 @@ TEST(Heap, FixedAndGrowableCapacity)
         EXPECT_EQ(0, qel_heap_push(h, val(i)));
     EXPECT_EQ(-1, qel_heap_push(h, val(4)));
     EXPECT_EQ(3u, h->count);
-    EXPECT_EQ(3u, h->capacity);
     qel_heap_destroy(h);
 
     h = qel_heap_create(nullptr, 0);
     EXPECT_EQ(0u, h->fixed);
     EXPECT_EQ(0u, h->capacity);
     EXPECT_EQ(nullptr, h->elements);
-    std::vector<uintptr_t> want;
     for (uintptr_t i = 17; i >= 1; --i) {
-        EXPECT_EQ(0, qel_heap_push(h, val(i * 7 % 17 + 1)));
+        EXPECT_EQ(0, qel_heap_push(h, val(i * 7 % 17 + 1))); // 1..17 scattered
         EXPECT_EQ(i > 1 ? 16u : 32u, h->capacity);
-        want.push_back(want.size() + 1);
     }
-    std::vector<uintptr_t> got;
+    uintptr_t popped = 0;
     for (void *out; qel_heap_pop(h, &out) == 0;)
-        got.push_back(reinterpret_cast<uintptr_t>(out));
-    EXPECT_EQ(want, got);
+        EXPECT_EQ(++popped, reinterpret_cast<uintptr_t>(out));
+    EXPECT_EQ(17u, popped);
     qel_heap_destroy(h);
 }
 
