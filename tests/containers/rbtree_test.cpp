@@ -69,6 +69,7 @@ void check_tree(qel_rbtree *t)
 void check_against(qel_rbtree *t, const Model &model)
 {
     ASSERT_EQ(model.size(), qel_rbtree_count(t));
+    ASSERT_EQ(28 * model.size(), qel_rbtree_size(t)); // on every ABI
     qel_rbtree_node *n = qel_rbtree_first(t);
     for (const auto &[k, v] : model) {
         ASSERT_EQ(k, key_of(n));
@@ -196,7 +197,7 @@ TEST_F(RbtreeTest, BoundsFollowACustomCompare)
     qel_rbtree_destroy(t);
 }
 
-TEST_F(RbtreeTest, KeysAreCopiedOrBorrowedAndSizeIs28PerNode)
+TEST_F(RbtreeTest, KeysAreCopiedOrBorrowed)
 {
     qel_rbtree *t = qel_rbtree_create(nullptr, nullptr, 0);
     char buf[4] = "abc";
@@ -204,10 +205,6 @@ TEST_F(RbtreeTest, KeysAreCopiedOrBorrowedAndSizeIs28PerNode)
     memcpy(buf, "zzz", 3);
     EXPECT_EQ(0, qel_rbtree_search(t, "abc", 3, nullptr));
     EXPECT_NE(static_cast<const void *>(buf), qel_rbtree_first(t)->key);
-    for (int i = 0; i < 9; ++i)
-        qel_rbtree_insert(t, &i, sizeof i, val(1));
-    EXPECT_EQ(10u, qel_rbtree_count(t));
-    EXPECT_EQ(280u, qel_rbtree_size(t)); // on every ABI
     qel_rbtree_destroy(t);
 
     t = qel_rbtree_create(nullptr, nullptr, QEL_RBTREE_BORROW_KEYS);
