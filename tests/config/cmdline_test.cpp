@@ -18,41 +18,28 @@ extern "C" size_t __sanitizer_get_allocated_size(const volatile void *p);
 
 namespace {
 
-template <class Ch>
-using Str = std::basic_string<Ch>;
+using WStr = std::wstring;
+using Tokens = std::vector<std::string>;
+using WTokens = std::vector<WStr>;
 
-Str<wchar_t> widen(const std::string &s)
+WStr widen(const std::string &s)
 {
-    Str<wchar_t> w;
-    for (unsigned char c : s)
-        w.push_back(static_cast<wchar_t>(c));
+    WStr w;
+    for (unsigned char c : s) // bytes above 127 stay code points 128..255
+        w.push_back(c);
     return w;
 }
+char **parse(const char *line, int *count) { return qel_cmd_parse(line, count); }
+wchar_t **parse(const wchar_t *line, int *count) { return qel_cmd_parse_w(line, count); }
 
+// Splits, checks the block's layout (token pointers, a null slot, then the
+// copy of the line the tokens point into) and returns the tokens.
 template <class Ch>
-Ch **parse(const Ch *line, int *count);
-template <>
-char **parse(const char *line, int *count)
-{
-    return qel_cmd_parse(line, count);
-}
-template <>
-wchar_t **parse(const wchar_t *line, int *count)
-{
-    return qel_cmd_parse_w(line, count);
-}
-
-using qeltest::model_split;
-
-// Splits, checks the block's layout and returns the tokens.
-template <class Ch>
-std::vector<Str<Ch>> split(const Str<Ch> &line, bool *null_result = nullptr)
+std::vector<std::basic_string<Ch>> split(const std::basic_string<Ch> &line)
 {
     int count = -7;
     Ch **argv = parse(line.c_str(), &count);
-    std::vector<Str<Ch>> out;
-    if (null_result)
-        *null_result = argv == nullptr;
+    std::vector<std::basic_string<Ch>> out;
     if (argv == nullptr) {
         EXPECT_EQ(-7, count); // not written
         return out;
@@ -60,9 +47,8 @@ std::vector<Str<Ch>> split(const Str<Ch> &line, bool *null_result = nullptr)
     EXPECT_GE(count, 1);
     EXPECT_LE(count, 1023);
     EXPECT_EQ(nullptr, argv[count]);
-    // The copy of the line follows the null slot; tokens point into it.
     const Ch *text = reinterpret_cast<const Ch *>(argv + count + 1);
-    const size_t len = Str<Ch>(line.c_str()).size();
+    const size_t len = std::basic_string<Ch>(line.c_str()).size();
     const size_t size = (count + 1) * sizeof(Ch *) + (len + 1) * sizeof(Ch);
 #ifdef QEL_TEST_EXACT_SIZE
     EXPECT_EQ(size, __sanitizer_get_allocated_size(argv));
@@ -71,12 +57,9 @@ std::vector<Str<Ch>> split(const Str<Ch> &line, bool *null_result = nullptr)
 #endif
     EXPECT_EQ(Ch(0), text[len]);
     for (int i = 0; i < count; ++i) {
-        EXPECT_GE(argv[i], text);
+        EXPECT_GE(argv[i], i > 0 ? argv[i - 1] + 1 : text);
         EXPECT_LT(argv[i], text + len);
-        if (i > 0) {
-            EXPECT_GT(argv[i], argv[i - 1]);
-        }
-        Str<Ch> tok(argv[i]);
+        std::basic_string<Ch> tok(argv[i]);
         // Everything between the tokens is the input, untouched.
         EXPECT_EQ(0, line.compare(static_cast<size_t>(argv[i] - text), tok.size(), tok));
         out.push_back(tok);
@@ -85,94 +68,72 @@ std::vector<Str<Ch>> split(const Str<Ch> &line, bool *null_result = nullptr)
     return out;
 }
 
-using Tokens = std::vector<std::string>;
-
-// Runs one narrow case and its wide twin.
+// One narrow line and its wide twin.
 void expect_split(const std::string &line, const Tokens &want)
 {
-    EXPECT_EQ(want, split<char>(line)) << "[" << line << "]";
-    std::vector<Str<wchar_t>> wwant;
+    EXPECT_EQ(want, split(line)) << "[" << line << "]";
+    WTokens wwant;
     for (const auto &t : want)
         wwant.push_back(widen(t));
-    EXPECT_TRUE(wwant == split<wchar_t>(widen(line))) << "wide [" << line << "]";
+    EXPECT_TRUE(wwant == split(widen(line))) << "wide [" << line << "]";
 }
 
-TEST(Cmd, SplitsAtBlanksOnly)
+TEST(Cmd, SplitsAtBlanksOnlyAndKeepsQuotesAndEscapes)
 {
-    expect_split("a b  c", {"a", "b", "c"});
-    expect_split("   lead and trail   ", {"lead", "and", "trail"});
-    expect_split("tab\tdoes\tnot split", {"tab\tdoes\tnot", "split"});
-    expect_split("x\ny\rz", {"x\ny\rz"});
-    expect_split("one", {"one"});
-}
-
-TEST(Cmd, QuotesAndEscapesStayInTokens)
-{
-    expect_split("say \"hello world\" now", {"say", "\"hello world\"", "now"});
-    expect_split("it's a \"x", {"it's a \"x"}); // the open quote runs to the end
-    expect_split("'a \"b' c\"", {"'a \"b'", "c\""});
-    expect_split("\"a 'b\" c'", {"\"a 'b\"", "c'"});
-    expect_split("a\\\"b c\"", {"a\\\"b", "c\""}); // an escaped quote does not open quoting
-    expect_split("a\\\\ b", {"a\\\\", "b"});       // a doubled escape leaves none pending
-    expect_split("x\\'y z", {"x\\'y", "z"});
-}
-
-TEST(Cmd, EscapeBeforeBlankDoesNotProtectIt)
-{
-    expect_split("a\\ b", {"a\\", "b"});
-    // The escape stays pending across the blank and applies to the next character.
-    expect_split("a\\ \"b c\"", {"a\\", "\"b", "c\""});
-    expect_split("a\\    'b c'", {"a\\", "'b", "c'"});
-    expect_split("a\\ \\b c", {"a\\", "\\b", "c"});
+    const struct { const char *line; Tokens want; } cases[] = {
+        {"   lead  and trail   ", {"lead", "and", "trail"}},
+        {"tab\tx\ny\rz split", {"tab\tx\ny\rz", "split"}},
+        {"\xc3\xa9t\xc3\xa9 \xff", {"\xc3\xa9t\xc3\xa9", "\xff"}}, // bytes above 127 are ordinary
+        {"say \"hello world\" now", {"say", "\"hello world\"", "now"}},
+        {"it's a \"x", {"it's a \"x"}}, // an open quote runs to the end
+        {"'a \"b' c\"", {"'a \"b'", "c\""}},
+        {"\"a 'b\" c'", {"\"a 'b\"", "c'"}},
+        {"a\\\"b c\"", {"a\\\"b", "c\""}}, // an escaped quote does not open quoting
+        {"a\\\\ b", {"a\\\\", "b"}},       // a doubled escape leaves none pending
+        // An escape before a blank does not protect it, and stays pending
+        // across the blank for the next character.
+        {"a\\ \"b c\"", {"a\\", "\"b", "c\""}},
+        {"a\\    'b c'", {"a\\", "'b", "c'"}},
+        {"a\\ \\b c", {"a\\", "\\b", "c"}},
+    };
+    for (const auto &c : cases)
+        expect_split(c.line, c.want);
+    WTokens want = {L"\u00e9t\u00e9", L"\U0001F600", L"'\u4e2d \u6587'"};
+    EXPECT_TRUE(want == split(WStr(L"\u00e9t\u00e9 \U0001F600 '\u4e2d \u6587'")));
 }
 
 TEST(Cmd, NoTokensGivesNullAndLeavesTheCount)
 {
-    for (const char *line : {"", " ", "      "}) {
-        bool null_result = false;
-        EXPECT_TRUE(split<char>(line).empty());
-        split<char>(line, &null_result);
-        EXPECT_TRUE(null_result) << "[" << line << "]";
-        split<wchar_t>(widen(line), &null_result);
-        EXPECT_TRUE(null_result);
-    }
     int count = 5;
+    for (const char *line : {"", " ", "      "}) {
+        EXPECT_EQ(nullptr, qel_cmd_parse(line, &count)) << "[" << line << "]";
+        EXPECT_EQ(nullptr, qel_cmd_parse_w(widen(line).c_str(), &count));
+    }
     EXPECT_EQ(nullptr, qel_cmd_parse(nullptr, &count));
     EXPECT_EQ(nullptr, qel_cmd_parse("a b", nullptr));
     EXPECT_EQ(nullptr, qel_cmd_parse_w(nullptr, &count));
     EXPECT_EQ(nullptr, qel_cmd_parse_w(L"a b", nullptr));
+    qel::detail::fail_allocations(0, 1);
+    EXPECT_EQ(nullptr, qel_cmd_parse("a b", &count));
+    qel::detail::fail_allocations(0, 1);
+    EXPECT_EQ(nullptr, qel_cmd_parse_w(L"a b", &count));
+    qel::detail::fail_allocations(0, 0);
     EXPECT_EQ(5, count);
     qel_cmd_free(nullptr);
 }
 
 TEST(Cmd, AtMost1023Tokens)
 {
-    std::string words;
-    for (int i = 0; i < 2000; ++i)
-        words += "x ";
-    auto toks = split<char>(words);
-    EXPECT_EQ(1023u, toks.size());
-    EXPECT_EQ(1023u, split<wchar_t>(widen(words)).size());
-
-    // Exactly 1023 with the last one open at the end; 1024 loses the last.
     std::string exact;
     for (int i = 0; i < 1023; ++i)
         exact += (i ? " w" : "w") + std::to_string(i);
-    toks = split<char>(exact);
-    ASSERT_EQ(1023u, toks.size());
-    EXPECT_EQ("w1022", toks.back());
-    toks = split<char>(exact + " extra");
-    ASSERT_EQ(1023u, toks.size());
-    EXPECT_EQ("w1022", toks.back());
-}
-
-TEST(Cmd, WideCharactersBeyondAscii)
-{
-    Str<wchar_t> line = L"\u00e9t\u00e9 \U0001F600 '\u4e2d \u6587'";
-    std::vector<Str<wchar_t>> want = {L"\u00e9t\u00e9", L"\U0001F600", L"'\u4e2d \u6587'"};
-    EXPECT_TRUE(want == split<wchar_t>(line));
-    // Narrow bytes above 127 are ordinary characters.
-    expect_split("\xc3\xa9t\xc3\xa9 \xff", {"\xc3\xa9t\xc3\xa9", "\xff"});
+    // Exactly 1023 with the last one open at the end; a 1024th is dropped.
+    for (const std::string &line : {exact, exact + " extra", exact + " extra more "}) {
+        Tokens toks = split(line);
+        ASSERT_EQ(1023u, toks.size());
+        EXPECT_EQ("w1022", toks.back());
+        EXPECT_EQ(1023u, split(widen(line)).size());
+    }
 }
 
 TEST(Cmd, RepointedSymbolsChangeTheSplitter)
@@ -181,17 +142,16 @@ TEST(Cmd, RepointedSymbolsChangeTheSplitter)
     const wchar_t *wsaved = g_wsymbols;
     g_symbols = "[]^";
     g_wsymbols = L"[]^";
-    EXPECT_EQ((Tokens{"[a b[", "]c d]", "'e", "f'"}), split<char>("[a b[ ]c d] 'e f'"));
-    EXPECT_EQ((Tokens{"^[a", "b["}), split<char>("^[a b[")); // an escaped quote
-    EXPECT_EQ((Tokens{"x^", "y"}), split<char>("x^ y"));
-    EXPECT_EQ((Tokens{"\\\"a", "b\""}), split<char>("\\\"a b\"")); // now ordinary
-    EXPECT_TRUE((std::vector<Str<wchar_t>>{L"[a b[", L"'e", L"f'"}) == split<wchar_t>(L"[a b[ 'e f'"));
+    EXPECT_EQ((Tokens{"[a b[", "]c d]", "'e", "f'"}), split(std::string("[a b[ ]c d] 'e f'")));
+    EXPECT_EQ((Tokens{"^[a", "b["}), split(std::string("^[a b["))); // an escaped quote
+    EXPECT_EQ((Tokens{"x^", "y"}), split(std::string("x^ y")));
+    EXPECT_EQ((Tokens{"\\\"a", "b\""}), split(std::string("\\\"a b\""))); // now ordinary
+    EXPECT_TRUE((WTokens{L"[a b[", L"'e", L"f'"}) == split(WStr(L"[a b[ 'e f'")));
     g_symbols = saved;
     g_wsymbols = wsaved;
-    EXPECT_EQ((Tokens{"'e f'"}), split<char>("'e f'"));
-    EXPECT_EQ((Tokens{"[a", "b["}), split<char>("[a b["));
     EXPECT_STREQ("'\"\\", g_symbols);
-    EXPECT_EQ(Str<wchar_t>(L"'\"\\"), Str<wchar_t>(g_wsymbols));
+    EXPECT_EQ(WStr(L"'\"\\"), WStr(g_wsymbols));
+    expect_split("'e f' [a b[", {"'e f'", "[a", "b["});
 }
 
 TEST(Cmd, RandomLinesMatchTheModel)
@@ -204,28 +164,10 @@ TEST(Cmd, RandomLinesMatchTheModel)
         size_t len = round < 2990 ? rng.range(0, 40) : rng.range(2000, 6000);
         for (size_t i = 0; i < len; ++i)
             line.push_back(kAlphabet[rng.range(0, sizeof kAlphabet - 1)]);
-        auto want = model_split<char>(line, "'\"\\");
-        bool null_result = false;
-        auto got = split<char>(line, &null_result);
-        ASSERT_EQ(want, got) << "[" << line << "]";
-        ASSERT_EQ(want.empty(), null_result);
-        auto wwant = model_split<wchar_t>(widen(line), L"'\"\\");
-        ASSERT_TRUE(wwant == split<wchar_t>(widen(line))) << "[" << line << "]";
+        auto want = qeltest::model_split<char>(line, "'\"\\");
+        ASSERT_EQ(want, split(line)) << "[" << line << "]"; // no token: null, checked by split
+        ASSERT_TRUE(qeltest::model_split<wchar_t>(widen(line), L"'\"\\") == split(widen(line))) << "[" << line << "]";
     }
-}
-
-TEST(Cmd, AllocationFailureGivesNull)
-{
-    int count = 9;
-    qel::detail::fail_allocations(0, 1);
-    EXPECT_EQ(nullptr, qel_cmd_parse("a b", &count));
-    qel::detail::fail_allocations(0, 1);
-    EXPECT_EQ(nullptr, qel_cmd_parse_w(L"a b", &count));
-    qel::detail::fail_allocations(0, 0);
-    EXPECT_EQ(9, count);
-    char **argv = qel_cmd_parse("a b", &count);
-    EXPECT_EQ(2, count);
-    qel_cmd_free(argv);
 }
 
 } // namespace
