@@ -31,6 +31,11 @@ static void *worker(void *arg)
     return NULL;
 }
 
+static int by_string(const void *a, const void *b)
+{
+    return strcmp((const char *)a, (const char *)b);
+}
+
 static int print_entry(const void *key, uint32_t key_len, void *value, void *context)
 {
     (void)context;
@@ -55,6 +60,9 @@ int main(void)
     const char *value;
     wchar_t *wide;
     char *narrow;
+    qel_rbtree *tree;
+    qel_rbtree_node *node;
+    qel_vector *vec;
 
     if (qel_log_output_register(print_sink) != 0)
         return 1;
@@ -106,6 +114,29 @@ int main(void)
     qel_xhash_walk(table, NULL, print_entry);
     printf("  %u entries in %u slots\n", qel_xhash_count(table), qel_xhash_slotcount(table));
     qel_xhash_destroy(table);
+
+    puts("ordered tree:");
+    tree = qel_rbtree_create(NULL, NULL, 0);
+    qel_rbtree_insert(tree, "pear", 4, "3");
+    qel_rbtree_insert(tree, "apple", 5, "1");
+    qel_rbtree_insert(tree, "fig", 3, "2");
+    for (node = qel_rbtree_first(tree); node != NULL; node = qel_rbtree_next(node))
+        printf("  %.*s = %s\n", (int)node->key_len, (const char *)node->key, (const char *)node->value);
+    node = qel_rbtree_lower_bound(tree, "b", 1);
+    printf("  first key not below \"b\": %.*s\n", node ? (int)node->key_len : 0, node ? (const char *)node->key : "");
+    qel_rbtree_destroy(tree);
+
+    puts("vector:");
+    if (qel_vector_create(&vec, 0) == QEL_OK) {
+        qel_vector_push_back(vec, "delta");
+        qel_vector_push_back(vec, "alpha");
+        qel_vector_push_back(vec, "charlie");
+        qel_vector_qsort(vec, by_string);
+        printf("  sorted: %s %s %s (capacity %u)\n", (const char *)qel_vector_pos_at(vec, 0),
+               (const char *)qel_vector_pos_at(vec, 1), (const char *)qel_vector_pos_at(vec, 2),
+               qel_vector_capacity(vec));
+        qel_vector_destroy(vec);
+    }
 
     puts("message:");
     msg = qel_xmsg_new("demo");
